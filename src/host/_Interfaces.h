@@ -173,9 +173,11 @@ class TInterfacedObject : public TObject, public IInterface {
 
   protected:
     // Answers iid for this object when it is one of Is; for use in QueryInterface overrides.
+    // The interfaces are siblings of this base, so the pointer is found by a cross-cast.
     template <class... Is>
     bool QueryOwn(const TGUID& iid, void** obj) {
-        return ((iid == Is::IID ? (*obj = static_cast<Is*>(this), _AddRef(), true) : false) || ...);
+        return ((iid == Is::IID ? (*obj = dynamic_cast<Is*>(this), _AddRef(), true) : false) ||
+                ...);
     }
 
     std::atomic<std::int32_t> FRefCount{0};
