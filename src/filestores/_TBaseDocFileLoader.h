@@ -1,8 +1,21 @@
 // The abstract file store: the one seam between the document tree and the place where file
 // contents live. A store moves whole files between a local path and a flat repository addressed
-// by remote file names.
+// by remote file names, optionally through the compressed container.
+//
+// Remote names are 32 upper-case hexadecimal digits (a GUID without "{", "}" and "-"). Names that
+// were not generated here are passed through as they come, but a name that could leave the flat
+// repository (see CheckRemoteFileName) is refused before it is used.
+//
+// A store reads three generations of files side by side, told apart by content alone:
+// containers (signature "AACS"), legacy compressed files (a zlib stream with gzip or zlib
+// wrapper) and plain files. Its compression setting steers only what uploads write.
+//
+// Not thread-safe: one store instance runs one transfer at a time. Events run on the thread that
+// performs the transfer.
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <string>
 
 #include "_PluginIntf.h"
@@ -10,6 +23,17 @@
 namespace docadmin {
 
 enum TUploadMode { upmChange = 0, upmNew = 1 };
+enum TTransferMode { tmDownload = 0, tmUpload = 1, tmDelete = 2 };
+enum TCompressMode { cmCompress = 0, cmUnCompress = 1 };
+
+using TOnTransferStartEvent =
+    std::function<void(TObject* Sender, const std::string& FileName, TTransferMode aTransferMode)>;
+using TOnTransferEvent = std::function<void(TObject* Sender, std::int64_t BytesTransferred,
+                                            std::int64_t TotalBytes, std::int32_t Percentage)>;
+using TOnTransferEndEvent = std::function<void(TObject* Sender, std::int64_t TotalBytes)>;
+using TOnCompressEvent = std::function<void(TObject* Sender, std::int32_t PercentDone)>;
+using TOnComressStartEndEvent =
+    std::function<void(TObject* Sender, const std::string& FileName, TCompressMode ACompressMode)>;
 
 // Completion of a non-blocking download, reported by a store.
 class IDocAdminDownloderCallBack : public IInterface {
@@ -25,21 +49,70 @@ class TBaseDocFileLoader : public TPluginBaseComponent {
     explicit TBaseDocFileLoader(TComponent* AOwner) : TPluginBaseComponent(AOwner) {}
 
     // Virtual operations in their fixed order.
+
+    // Reads the store's settings; called once, right after creation and before any transfer.
+    // Offline selects the store of the user's offline database.
     virtual void LoadSettings(bool Offline);
-    // Stores a local file; with upmNew under a new generated name, with upmChange under
-    // RemoteFileName. Answers the remote name used.
+    // Stores a local file; with upmNew under a new generated name (RemoteFileName is ignored),
+    // with upmChange under RemoteFileName, overwriting. Answers the remote name used.
     virtual std::string UploadFile(const std::string& LocalFileName,
                                    const std::string& RemoteFileName, TUploadMode Mode) = 0;
+    // Writes the plain content of a remote file to DestFileName, replacing what stands there.
+    // A missing remote file raises EFileNotFoundInRepositoryException.
     virtual void DownloadFile(const std::string& RemoteFile, const std::string& DestFileName) = 0;
+    // Deletes a remote file; ADescription is the text reported by OnTransferStart.
     virtual void RemoveFile(const std::string& RemoteFile, const std::string& ADescription) = 0;
     // Blocking by default: downloads in the call and reports through the callback before it
-    // returns. A failure goes to DownloadFailed and is not raised.
+    // returns. A failure (also one of DownloadDone) goes to DownloadFailed and is not raised.
     virtual void DownloadFileNonBlocked(const std::string& RemoteFile,
                                         const std::string& DestFileName,
                                         IDocAdminDownloderCallBack* ACallBack);
 
     // 32 upper-case hexadecimal digits of a new GUID.
     static std::string GenerateNewFileName();
+
+    // Raises EKRUserMessageException for a remote name that could leave the flat repository:
+    // empty, ".", "..", or containing "/", "\" or a NUL character.
+    static void CheckRemoteFileName(const std::string& RemoteFile);
+
+    TOnCompressEvent OnCompress;
+    TOnComressStartEndEvent OnCompressStart;
+    TOnComressStartEndEvent OnCompressEnd;
+    TOnTransferEndEvent OnTransferEnd;
+    TOnTransferEvent OnTransfer;
+    TOnTransferStartEvent OnTransferStart;
+
+  protected:
+    void DoTransferStart(const std::string& FileName, TTransferMode aTransferMode);
+    void DoTransfer(std::int64_t BytesTransferred, std::int64_t TotalBytes,
+                    std::int32_t Percentage);
+    void DoTransferEnd(std::int64_t TotalBytes);
+    void DoCompress(std::int32_t PercentDone);
+    void DoCompressStart(const std::string& FileName, TCompressMode ACompressMode);
+    void DoCompressEnd(const std::string& FileName, TCompressMode ACompressMode);
+
+    // Compresses Source into a new container at Dest (cmCompress), or writes the plain content
+    // of Source to Dest (cmUnCompress), whichever of the three generations Source is. Always
+    // answers true; failures raise, and a partly written Dest stays on disk.
+    bool CompressFile(const std::string& Source, const std::string& Dest, TCompressMode AMode);
+    // Progress of the container stream: 0 is the start, 100 the end, anything else a step.
+    void CompressProgress(TObject* Sender, double PercentDone);
+
+  private:
+    std::string FCompressionFile;  // source of the compress step now running
+    TCompressMode FCompressionMode = cmCompress;
 };
+
+// The class reference by which the repository creates a store.
+using TBaseDocFileLoaderClass = TBaseDocFileLoader* (*)(TComponent* AOwner);
+
+template <class T>
+TBaseDocFileLoader* CreateDocFileLoader(TComponent* AOwner) {
+    return new T(AOwner);
+}
+
+// Inflates a legacy compressed file (gzip or zlib wrapper, detected from the header) into Dest
+// through 32 KiB buffers. Raises EReadError when the data is damaged or cut short.
+void InflateLegacyFile(const std::string& Source, const std::string& Dest);
 
 }  // namespace docadmin

@@ -1,0 +1,243 @@
+#include "_TDocFileLoaderLocFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <vector>
+
+namespace docadmin {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// Temporary files of unfinished uploads start with this; seeding skips them.
+constexpr const char* kTempPrefix = ".~";
+
+std::string FileNamePart(const std::string& path) {
+    return fs::path(path).filename().string();
+}
+
+std::string StripTrailingSeparator(std::string path) {
+    while (path.size() > 1 && path.back() == '/')
+        path.pop_back();
+    return path;
+}
+
+std::string Lower(std::string s) {
+    std::transform(s.begin(), s.end(), s.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return s;
+}
+
+IVantrelDatabaseRepository* RepositoryOf(const TPluginBaseComponent& c) {
+    IMainInterface* mi = c.GetMainInterface();
+    return mi ? mi->GetDatabaseRepository() : nullptr;
+}
+
+IVantrelDatabaseRepository* RequireRepository(const TPluginBaseComponent& c) {
+    IVantrelDatabaseRepository* repo = RepositoryOf(c);
+    if (!repo) throw EDocAdminException("The file store has no database repository.");
+    return repo;
+}
+
+// A file descriptor closed on scope exit.
+struct Fd {
+    int fd = -1;
+    explicit Fd(int f) : fd(f) {}
+    Fd(const Fd&) = delete;
+    Fd& operator=(const Fd&) = delete;
+    ~Fd() {
+        if (fd >= 0) ::close(fd);
+    }
+};
+
+[[noreturn]] void ThrowErrno(const std::string& what) {
+    throw EInOutError(what + ": " + std::strerror(errno));
+}
+
+// Copies all of in to out: in the kernel where it can, else through a buffer.
+void CopyAll(int in, int out) {
+    for (;;) {
+        const ssize_t n = ::copy_file_range(in, nullptr, out, nullptr, 1 << 30, 0);
+        if (n == 0) return;
+        if (n > 0) continue;
+        if (errno == EINTR) continue;
+        if (errno == EXDEV || errno == ENOSYS || errno == EINVAL || errno == EOPNOTSUPP) break;
+        ThrowErrno("copy");
+    }
+    std::vector<char> buf(1 << 20);
+    for (;;) {
+        const ssize_t n = ::read(in, buf.data(), buf.size());
+        if (n == 0) return;
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            ThrowErrno("read");
+        }
+        for (ssize_t done = 0; done < n;) {
+            const ssize_t w = ::write(out, buf.data() + done, static_cast<size_t>(n - done));
+            if (w < 0) {
+                if (errno == EINTR) continue;
+                ThrowErrno("write");
+            }
+            done += w;
+        }
+    }
+}
+
+void FlushPath(const std::string& path, int flags) {
+    Fd f(::open(path.c_str(), flags | O_CLOEXEC));
+    if (f.fd < 0) ThrowErrno("open " + path);
+    if (::fsync(f.fd) != 0) ThrowErrno("flush " + path);
+}
+
+// A fresh name in the target's folder for the content of an upload in progress.
+std::string TempNameFor(const std::string& folder, const std::string& remote) {
+    return folder + "/" + kTempPrefix + remote + "." + TBaseDocFileLoader::GenerateNewFileName() +
+           ".tmp";
+}
+
+}  // namespace
+
+// ---- settings
+
+std::string TDocFileLoaderLocFile::SelectedDatabaseLocalDocPath(
+    IVantrelDatabaseRepository* ADatabaseRepository) {
+    std::string path = ADatabaseRepository->ReadDatabaseSetting(
+        ADatabaseRepository->SelectedDatabaseIndex(), "DocumentsPath");
+    if (path.empty()) path = ADatabaseRepository->DefaultDocRootFolder();
+    return path;
+}
+
+void TDocFileLoaderLocFile::LoadSettings(bool Offline) {
+    TBaseDocFileLoader::LoadSettings(Offline);
+    IMainInterface* mi = GetMainInterface();
+    ISettingsStorage* user = mi ? mi->GetUserSettings() : nullptr;
+    FUseCompression = !(user && user->ReadBool("DocAdmin", "NoCompression", false));
+    IVantrelDatabaseRepository* repo = RequireRepository(*this);
+    if (!Offline) {
+        SetFilePath(SelectedDatabaseLocalDocPath(repo), true);
+        return;
+    }
+    std::string path;
+    const int offline = repo->OfflineDatabaseIndex();
+    if (offline >= 0) path = repo->ReadDatabaseSetting(offline, "DocumentsPath");
+    if (path.empty()) path = "$UserDocuments$offlinedocroot";
+    SetFilePath(path, false);
+}
+
+void TDocFileLoaderLocServer::LoadSettings(bool /*Offline*/) {
+    ISettingsStorage* local = GetSaveSettings();
+    std::string path = local ? local->ReadString("DOCSRV", "FileRoot", "") : std::string();
+    if (path.empty()) path = SelectedDatabaseLocalDocPath(RequireRepository(*this));
+    SetFilePath(path, false);
+    FUseCompression = true;
+}
+
+void TDocFileLoaderLocFile::SetFilePath(const std::string& AFilePath, bool AMigrate) {
+    IVantrelDatabaseRepository* repo = RepositoryOf(*this);
+    FFilePath = StripTrailingSeparator(repo ? repo->ExpandPathMacros(AFilePath) : AFilePath);
+
+    std::error_code ec;
+    if (fs::is_directory(FFilePath, ec)) return;
+    if (FFilePath.empty() || !fs::create_directories(FFilePath, ec) || ec) {
+        if (!ec) ec = std::make_error_code(std::errc::no_such_file_or_directory);
+        throw EFCreateError("Error creating docroot \"" + FFilePath + "\"!\r\n" + ec.message());
+    }
+    if (!AMigrate || !repo) return;
+
+    // Seed the new folder once from the old default root; the old files stay where they are.
+    const std::string oldRoot = StripTrailingSeparator(repo->SeedDocRootFolder());
+    if (oldRoot.empty() || !fs::is_directory(oldRoot, ec)) return;
+    if (Lower(oldRoot) == Lower(FFilePath) || fs::equivalent(oldRoot, FFilePath, ec)) return;
+    SeedFromOldRoot(oldRoot);
+}
+
+void TDocFileLoaderLocFile::SeedFromOldRoot(const std::string& AOldRoot) {
+    std::error_code ec;
+    for (fs::directory_iterator it(AOldRoot, ec), end; !ec && it != end; it.increment(ec)) {
+        const std::string name = it->path().filename().string();
+        if (!it->is_regular_file(ec) || name.rfind(kTempPrefix, 0) == 0) continue;
+        std::error_code copyError;  // an existing name or a failed copy is skipped
+        fs::copy_file(it->path(), fs::path(FFilePath) / name, fs::copy_options::none, copyError);
+    }
+}
+
+// ---- transfers
+
+void TDocFileLoaderLocFile::CommitUpload(const std::string& TempFile, const std::string& Target) {
+    if (::rename(TempFile.c_str(), Target.c_str()) != 0) ThrowErrno("rename " + TempFile);
+    // Make the rename itself durable.
+    FlushPath(FFilePath, O_RDONLY | O_DIRECTORY);
+}
+
+std::string TDocFileLoaderLocFile::UploadFile(const std::string& LocalFileName,
+                                              const std::string& RemoteFileName, TUploadMode Mode) {
+    if (Mode != upmNew) CheckRemoteFileName(RemoteFileName);
+    const std::string result = Mode == upmNew ? GenerateNewFileName() : RemoteFileName;
+    const std::string target = RemotePath(result);
+    DoTransferStart(FileNamePart(LocalFileName), tmUpload);
+    DoTransfer(0, 0, 0);
+
+    const std::string temp = TempNameFor(FFilePath, result);
+    try {
+        if (FUseCompression) {
+            CompressFile(LocalFileName, temp, cmCompress);
+            FlushPath(temp, O_RDONLY);
+            CommitUpload(temp, target);
+        } else {
+            try {
+                Fd in(::open(LocalFileName.c_str(), O_RDONLY | O_CLOEXEC));
+                if (in.fd < 0) ThrowErrno("open " + LocalFileName);
+                struct stat st {};
+                if (::fstat(in.fd, &st) != 0 || !S_ISREG(st.st_mode)) ThrowErrno(LocalFileName);
+                Fd out(::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+                if (out.fd < 0) ThrowErrno("create " + temp);
+                CopyAll(in.fd, out.fd);
+                if (::fsync(out.fd) != 0) ThrowErrno("flush " + temp);
+            } catch (const std::exception&) {
+                throw EKRUserMessageException("Local file " + LocalFileName +
+                                              " not found. Can't save to repository!");
+            }
+            CommitUpload(temp, target);
+        }
+    } catch (...) {
+        std::error_code ec;
+        fs::remove(temp, ec);
+        throw;
+    }
+    DoTransferEnd(0);
+    return result;
+}
+
+void TDocFileLoaderLocFile::DownloadFile(const std::string& RemoteFile,
+                                         const std::string& DestFileName) {
+    CheckRemoteFileName(RemoteFile);
+    const std::string source = RemotePath(RemoteFile);
+    std::error_code ec;
+    if (!fs::exists(source, ec))
+        throw EFileNotFoundInRepositoryException("File " + source + " not found in repository!");
+    DoTransferStart(FileNamePart(DestFileName), tmDownload);
+    DoTransfer(0, 0, 0);
+    CompressFile(source, DestFileName, cmUnCompress);
+    DoTransferEnd(0);
+}
+
+void TDocFileLoaderLocFile::RemoveFile(const std::string& RemoteFile,
+                                       const std::string& ADescription) {
+    CheckRemoteFileName(RemoteFile);
+    DoTransferStart(ADescription, tmDelete);
+    const std::string target = RemotePath(RemoteFile);
+    std::error_code ec;
+    if (!fs::exists(target, ec))
+        throw EKRUserMessageException("File " + target + " not found in repository!");
+    fs::remove(target, ec);  // the outcome is not looked at
+    DoTransferEnd(0);
+}
+
+}  // namespace docadmin

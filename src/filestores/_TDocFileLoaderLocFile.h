@@ -1,0 +1,67 @@
+// The local file store: one folder of a local or network file system, one file per remote name.
+// TDocFileLoaderLocServer is the same store on the server's own file root.
+//
+// An upload never leaves a half-written file under a remote name: the content goes to a
+// temporary file in the same folder, is flushed to disk and then renamed over the target, so a
+// reader sees either the old or the new content, also when an upmChange is cut short.
+#pragma once
+
+#include <string>
+
+#include "_TBaseDocFileLoader.h"
+
+namespace docadmin {
+
+class TDocFileLoaderLocFile : public TBaseDocFileLoader {
+  public:
+    explicit TDocFileLoaderLocFile(TComponent* AOwner) : TBaseDocFileLoader(AOwner) {}
+
+    // Compression from the user setting "NoCompression" of section "DocAdmin"; the folder from
+    // "DocumentsPath" of the selected database (seeded once from the old root when it is new),
+    // or, offline, of the offline database ("$UserDocuments$offlinedocroot" when there is none).
+    void LoadSettings(bool Offline) override;
+    std::string UploadFile(const std::string& LocalFileName, const std::string& RemoteFileName,
+                           TUploadMode Mode) override;
+    void DownloadFile(const std::string& RemoteFile, const std::string& DestFileName) override;
+    void RemoveFile(const std::string& RemoteFile, const std::string& ADescription) override;
+
+    // "DocumentsPath" of the repository's selected database; when empty, the default docroot
+    // folder of the repository.
+    static std::string SelectedDatabaseLocalDocPath(
+        IVantrelDatabaseRepository* ADatabaseRepository);
+
+    // Sets the repository folder: path macros expanded (with a main interface), a trailing
+    // separator dropped, the folder created with its parents when missing. With AMigrate, a
+    // folder that is created here is seeded from the old default root: every file of it is
+    // copied, never over an existing one; failed copies are skipped.
+    void SetFilePath(const std::string& AFilePath, bool AMigrate);
+
+    const std::string& FilePath() const { return FFilePath; }
+    void SetFilePath(const std::string& Value) { SetFilePath(Value, false); }
+    bool UseCompression() const { return FUseCompression; }
+    void SetUseCompression(bool Value) { FUseCompression = Value; }
+
+  protected:
+    std::string RemotePath(const std::string& RemoteFile) const {
+        return FFilePath + "/" + RemoteFile;
+    }
+    // Copies every file of AOldRoot into the repository folder, never over an existing name;
+    // a failed copy is skipped. The old files stay where they are.
+    void SeedFromOldRoot(const std::string& AOldRoot);
+    // Puts the finished temporary file in place of Target (an atomic rename in one folder).
+    virtual void CommitUpload(const std::string& TempFile, const std::string& Target);
+
+    std::string FFilePath;
+    bool FUseCompression = true;
+};
+
+class TDocFileLoaderLocServer : public TDocFileLoaderLocFile {
+  public:
+    explicit TDocFileLoaderLocServer(TComponent* AOwner) : TDocFileLoaderLocFile(AOwner) {}
+
+    // The folder from "FileRoot" of the server's local section "DOCSRV", else the selected
+    // database's; always compresses, whatever "NoCompression" says, and ignores Offline.
+    void LoadSettings(bool Offline) override;
+};
+
+}  // namespace docadmin

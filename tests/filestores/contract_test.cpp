@@ -1,0 +1,217 @@
+// The contract every store inherits: remote names, the non-blocking default, the compress step
+// with its events, and the three generations of stored files.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <set>
+
+#include "_TBaseDocFileLoader.h"
+#include "legacy_files.h"
+#include "test_files.h"
+
+namespace docadmin::test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+// A store over a map, enough to exercise the base class.
+class MapStore : public TBaseDocFileLoader {
+  public:
+    MapStore() : TBaseDocFileLoader(nullptr) {}
+    std::string UploadFile(const std::string&, const std::string& RemoteFileName,
+                           TUploadMode Mode) override {
+        return Mode == upmNew ? GenerateNewFileName() : RemoteFileName;
+    }
+    void DownloadFile(const std::string& RemoteFile, const std::string& DestFileName) override {
+        auto it = files.find(RemoteFile);
+        if (it == files.end())
+            throw EFileNotFoundInRepositoryException("File " + RemoteFile +
+                                                     " not found in repository!");
+        WriteAll(DestFileName, it->second);
+    }
+    void RemoveFile(const std::string&, const std::string&) override {}
+
+    using TBaseDocFileLoader::CompressFile;
+    std::map<std::string, std::string> files;
+};
+
+class RecordingCallBack : public TInterfacedObject, public IDocAdminDownloderCallBack {
+  public:
+    HRESULT QueryInterface(const TGUID& iid, void** obj) override {
+        if (iid == IDocAdminDownloderCallBack::IID) {
+            *obj = static_cast<IDocAdminDownloderCallBack*>(this);
+            _AddRef();
+            return S_OK;
+        }
+        return TInterfacedObject::QueryInterface(iid, obj);
+    }
+    std::int32_t _AddRef() override { return TInterfacedObject::_AddRef(); }
+    std::int32_t _Release() override { return TInterfacedObject::_Release(); }
+    void DownloadDone(const std::string& DestFileName) override {
+        log.push_back("done " + DestFileName);
+        if (failInDone) throw EInOutError("disk full");
+    }
+    void DownloadFailed(const std::string& DestFileName, const std::string& Msg) override {
+        log.push_back("failed " + DestFileName + ": " + Msg);
+    }
+    std::vector<std::string> log;
+    bool failInDone = false;
+};
+
+TEST(FileStoreContract, GeneratedNamesAre32UpperHexDigitsAndDiffer) {
+    const std::regex form("[0-9A-F]{32}");
+    std::set<std::string> seen;
+    for (int i = 0; i < 100; ++i) {
+        const std::string n = TBaseDocFileLoader::GenerateNewFileName();
+        EXPECT_TRUE(std::regex_match(n, form)) << n;
+        seen.insert(n);
+    }
+    EXPECT_EQ(seen.size(), 100u);
+}
+
+TEST(FileStoreContract, RemoteNamesThatCouldLeaveTheFolderAreRefused) {
+    for (const std::string& bad :
+         {std::string(), std::string("."), std::string(".."), std::string("a/b"),
+          std::string("../x"), std::string("a\\b"), std::string("ab\0cd", 5), std::string("/")}) {
+        EXPECT_THROW(TBaseDocFileLoader::CheckRemoteFileName(bad), EKRUserMessageException) << bad;
+    }
+    try {
+        TBaseDocFileLoader::CheckRemoteFileName(std::string("ab\0cd", 5));
+        FAIL();
+    } catch (const EKRUserMessageException& e) {
+        EXPECT_EQ(e.Message(), "Invalid remote file name \"ab\\0cd\"!");
+    }
+    // Names not generated here are still accepted as they come.
+    for (const char* good : {"0C7F3A52E1B94D6E8A35D21F4E90B6C7", "old-name.doc", "...", "a b"})
+        EXPECT_NO_THROW(TBaseDocFileLoader::CheckRemoteFileName(good)) << good;
+}
+
+TEST(FileStoreContract, NonBlockedDefaultReportsThroughTheCallBackBeforeReturning) {
+    ScratchDir dir;
+    MapStore store;
+    store.files["A"] = "content";
+    IPtr<RecordingCallBack> cb(new RecordingCallBack);
+    const std::string dest = (dir / "out").string();
+
+    store.DownloadFileNonBlocked("A", dest, cb.get());
+    EXPECT_THAT(cb->log, ElementsAre("done " + dest));
+    EXPECT_EQ(ReadAll(dest), "content");
+
+    cb->log.clear();
+    EXPECT_NO_THROW(store.DownloadFileNonBlocked("B", dest, cb.get()));
+    EXPECT_THAT(cb->log, ElementsAre("failed " + dest + ": File B not found in repository!"));
+
+    // A failure of DownloadDone itself arrives at DownloadFailed too.
+    cb->log.clear();
+    cb->failInDone = true;
+    EXPECT_NO_THROW(store.DownloadFileNonBlocked("A", dest, cb.get()));
+    EXPECT_THAT(cb->log, ElementsAre("done " + dest, "failed " + dest + ": disk full"));
+    EXPECT_EQ(cb->RefCount(), 1) << "the store keeps no reference";
+}
+
+// The compress step on real files, with its events recorded.
+class CompressStepTest : public ::testing::Test {
+  protected:
+    CompressStepTest() {
+        store.OnCompressStart = [this](TObject* s, const std::string& f, TCompressMode m) {
+            EXPECT_EQ(s, &store);
+            events.push_back(std::string("start ") + (m == cmCompress ? "c " : "u ") + f);
+        };
+        store.OnCompressEnd = [this](TObject*, const std::string& f, TCompressMode m) {
+            events.push_back(std::string("end ") + (m == cmCompress ? "c " : "u ") + f);
+        };
+        store.OnCompress = [this](TObject*, std::int32_t p) {
+            EXPECT_GT(p, 0);
+            EXPECT_LT(p, 100);
+            if (!steps.empty()) {
+                EXPECT_GE(p, steps.back()) << "progress must not go back";
+            }
+            steps.push_back(p);
+        };
+    }
+    std::string Path(const std::string& name) { return (dir / name).string(); }
+    std::string RoundTrip(const std::string& content) {
+        WriteAll(Path("plain"), content);
+        store.CompressFile(Path("plain"), Path("packed"), cmCompress);
+        store.CompressFile(Path("packed"), Path("back"), cmUnCompress);
+        return ReadAll(Path("back"));
+    }
+
+    ScratchDir dir;
+    MapStore store;
+    std::vector<std::string> events;
+    std::vector<std::int32_t> steps;
+};
+
+TEST_F(CompressStepTest, ContainerRoundTripRaisesStartOnceAndEndTwice) {
+    const std::string content = TextBytes(5'000'000);
+    WriteAll(Path("plain"), content);
+    EXPECT_TRUE(store.CompressFile(Path("plain"), Path("packed"), cmCompress));
+    EXPECT_EQ(ReadAll(Path("packed")).substr(0, 4), "AACS");
+    EXPECT_LT(fs::file_size(Path("packed")), content.size() / 2);
+    EXPECT_THAT(events, ElementsAre("start c " + Path("plain"), "end c " + Path("plain"),
+                                    "end c " + Path("plain")));
+    EXPECT_FALSE(steps.empty()) << "a file of several blocks reports steps";
+
+    events.clear();
+    steps.clear();
+    EXPECT_TRUE(store.CompressFile(Path("packed"), Path("back"), cmUnCompress));
+    EXPECT_EQ(ReadAll(Path("back")), content);
+    EXPECT_THAT(events, ElementsAre("start u " + Path("packed"), "end u " + Path("packed"),
+                                    "end u " + Path("packed")));
+}
+
+TEST_F(CompressStepTest, EmptyFileRaisesStartAndEndOnce) {
+    EXPECT_EQ(RoundTrip(""), "");
+    // Both directions: start and end once each.
+    EXPECT_THAT(events, ElementsAre("start c " + Path("plain"), "end c " + Path("plain"),
+                                    "start u " + Path("packed"), "end u " + Path("packed")));
+}
+
+TEST_F(CompressStepTest, PlainFilesArriveUnchanged) {
+    // Shorter than a container header; longer, not starting with the signature; and one that
+    // starts with the signature but is no container.
+    for (const std::string& content :
+         {TextBytes(100), RandomBytes(10'000), std::string("AACS") + TextBytes(50)}) {
+        WriteAll(Path("stored"), content);
+        store.CompressFile(Path("stored"), Path("out"), cmUnCompress);
+        EXPECT_EQ(ReadAll(Path("out")), content) << content.size() << " bytes";
+    }
+    EXPECT_FALSE(events.empty()) << "a plain copy reports like a container";
+}
+
+TEST_F(CompressStepTest, LegacyFilesOfBothWrappersAreInflatedWithoutEvents) {
+    const std::string content = TextBytes(300'000, 7) + RandomBytes(100'000);
+    for (Wrapper w : {Wrapper::gzip, Wrapper::zlib}) {
+        WriteAll(Path("legacy"), DeflateWith(content, w));
+        WriteAll(Path("out"), "old content that must go");
+        store.CompressFile(Path("legacy"), Path("out"), cmUnCompress);
+        EXPECT_EQ(ReadAll(Path("out")), content);
+    }
+    EXPECT_TRUE(events.empty());
+    EXPECT_TRUE(steps.empty());
+}
+
+TEST_F(CompressStepTest, LookalikePlainFileIsCopiedNotInflated) {
+    const std::string content = std::string("\x78\x9c") + TextBytes(20'000);
+    WriteAll(Path("stored"), content);
+    store.CompressFile(Path("stored"), Path("out"), cmUnCompress);
+    EXPECT_EQ(ReadAll(Path("out")), content);
+}
+
+TEST_F(CompressStepTest, DamagedLegacyFileRaises) {
+    std::string legacy = DeflateWith(TextBytes(400'000), Wrapper::gzip);
+    legacy.resize(legacy.size() * 3 / 4);  // cut: recognised, then fails while inflating
+    WriteAll(Path("legacy"), legacy);
+    EXPECT_THROW(InflateLegacyFile(Path("legacy"), Path("out")), EReadError);
+}
+
+TEST_F(CompressStepTest, MissingSourceRaisesFromFileOpening) {
+    EXPECT_THROW(store.CompressFile(Path("nothing"), Path("out"), cmUnCompress), EFOpenError);
+    EXPECT_THROW(store.CompressFile(Path("nothing"), Path("out"), cmCompress), EFOpenError);
+}
+
+}  // namespace
+}  // namespace docadmin::test

@@ -1,0 +1,255 @@
+// The local stores' own behaviour: their settings, the repository folder and its seeding, the
+// compression setting, error texts and uploads that are cut short.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "store_envs.h"
+
+namespace docadmin::test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+class LocalStoreTest : public ::testing::Test {
+  protected:
+    LocalStoreTest() : host(new FakeHost) {
+        host->userDocuments = (dir / "userdocs").string();
+        host->defaultDocRoot = (dir / "data" / "docroot").string();
+        fs::create_directories(dir / "local");
+    }
+    template <class T = TDocFileLoaderLocFile>
+    std::unique_ptr<T> Make(bool offline = false) {
+        auto s = std::make_unique<T>(nullptr);
+        s->SetMainInterface(host.get());
+        s->LoadSettings(offline);
+        return s;
+    }
+    std::string LocalFile(const std::string& name, const std::string& content) {
+        WriteAll(dir / "local" / name, content);
+        return (dir / "local" / name).string();
+    }
+    std::string Fetch(TBaseDocFileLoader& s, const std::string& remote) {
+        s.DownloadFile(remote, (dir / "local" / "fetched").string());
+        return ReadAll(dir / "local" / "fetched");
+    }
+
+    ScratchDir dir;
+    IPtr<FakeHost> host;
+};
+
+TEST_F(LocalStoreTest, FolderComesFromTheSelectedDatabaseOrTheDefaultDocRoot) {
+    EXPECT_EQ(Make()->FilePath(), host->defaultDocRoot);
+    EXPECT_TRUE(fs::is_directory(host->defaultDocRoot)) << "created on first use";
+
+    host->dbSettings[{0, "DocumentsPath"}] = "$UserDocuments$docs/";
+    auto s = Make();
+    EXPECT_EQ(s->FilePath(), host->userDocuments + "/docs") << "expanded, separator dropped";
+    EXPECT_TRUE(fs::is_directory(s->FilePath()));
+    EXPECT_EQ(TDocFileLoaderLocFile::SelectedDatabaseLocalDocPath(host.get()),
+              "$UserDocuments$docs/");
+
+    s->SetFilePath((dir / "other").string() + "/");
+    EXPECT_EQ(s->FilePath(), (dir / "other").string());
+}
+
+TEST_F(LocalStoreTest, OfflineFolderComesFromTheOfflineDatabase) {
+    host->dbSettings[{0, "DocumentsPath"}] = (dir / "online").string();
+    EXPECT_EQ(Make(true)->FilePath(), host->userDocuments + "/offlinedocroot")
+        << "no offline database";
+    host->hasOffline = true;
+    EXPECT_EQ(Make(true)->FilePath(), host->userDocuments + "/offlinedocroot")
+        << "offline database without a path";
+    host->dbSettings[{1, "DocumentsPath"}] = (dir / "mirror").string();
+    EXPECT_EQ(Make(true)->FilePath(), (dir / "mirror").string());
+    EXPECT_FALSE(fs::exists(dir / "online")) << "offline mode never touches the online folder";
+}
+
+TEST_F(LocalStoreTest, ServerFolderComesFromFileRootElseTheSelectedDatabase) {
+    host->dbSettings[{0, "DocumentsPath"}] = (dir / "db").string();
+    EXPECT_EQ(Make<TDocFileLoaderLocServer>()->FilePath(), (dir / "db").string());
+    host->local.strings[{"DOCSRV", "FileRoot"}] = (dir / "srv").string() + "/";
+    host->hasOffline = true;
+    host->dbSettings[{1, "DocumentsPath"}] = (dir / "mirror").string();
+    EXPECT_EQ(Make<TDocFileLoaderLocServer>(true)->FilePath(), (dir / "srv").string())
+        << "the server store ignores offline mode";
+}
+
+TEST_F(LocalStoreTest, NoCompressionStoresByteIdenticalFilesAndStillReadsContainers) {
+    host->dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
+    const std::string content = TextBytes(2'000'000);
+    const std::string local = LocalFile("doc", content);
+
+    const std::string older = Make()->UploadFile(local, "", upmNew);
+    EXPECT_EQ(ReadAll(dir / "repo" / older).substr(0, 4), "AACS") << "compression by default";
+
+    host->user.bools[{"DocAdmin", "NoCompression"}] = true;
+    auto plain = Make();
+    EXPECT_FALSE(plain->UseCompression());
+    const std::string newer = plain->UploadFile(local, "", upmNew);
+    EXPECT_EQ(ReadAll(dir / "repo" / newer), content);
+    EXPECT_EQ(Fetch(*plain, newer), content);
+    EXPECT_EQ(Fetch(*plain, older), content);
+}
+
+TEST_F(LocalStoreTest, ServerStoreCompressesRegardlessOfNoCompression) {
+    host->user.bools[{"DocAdmin", "NoCompression"}] = true;
+    host->local.strings[{"DOCSRV", "FileRoot"}] = (dir / "srv").string();
+    auto s = Make<TDocFileLoaderLocServer>();
+    EXPECT_TRUE(s->UseCompression());
+    const std::string content = TextBytes(10'000);
+    const std::string name = s->UploadFile(LocalFile("doc", content), "", upmNew);
+    EXPECT_EQ(ReadAll(dir / "srv" / name).substr(0, 4), "AACS");
+    EXPECT_EQ(Fetch(*s, name), content);
+}
+
+TEST_F(LocalStoreTest, UploadReportsCompressEvents) {
+    host->dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
+    auto s = Make();
+    std::vector<std::string> events;
+    s->OnCompressStart = [&](TObject*, const std::string& f, TCompressMode m) {
+        events.push_back("start " + f + (m == cmCompress ? " c" : " u"));
+    };
+    s->OnCompressEnd = [&](TObject*, const std::string& f, TCompressMode) {
+        events.push_back("end " + f);
+    };
+    const std::string local = LocalFile("doc", TextBytes(1000));
+    s->UploadFile(local, "", upmNew);
+    EXPECT_THAT(events, ElementsAre("start " + local + " c", "end " + local, "end " + local));
+}
+
+TEST_F(LocalStoreTest, FolderThatCannotBeCreatedRaisesEFCreateError) {
+    WriteAll(dir / "afile", "x");
+    host->dbSettings[{0, "DocumentsPath"}] = (dir / "afile" / "repo").string();
+    try {
+        Make();
+        FAIL() << "no exception";
+    } catch (const EFCreateError& e) {
+        EXPECT_THAT(e.Message(), StartsWith("Error creating docroot \"" +
+                                            (dir / "afile" / "repo").string() + "\"!\r\n"));
+        EXPECT_THAT(e.Message(), HasSubstr("Not a directory"));
+    }
+}
+
+TEST_F(LocalStoreTest, NewFolderIsSeededOnceFromTheOldRootWithoutOverwriting) {
+    const auto seed = dir / "olddata" / "docroot";
+    fs::create_directories(seed / "subfolder");
+    WriteAll(seed / "A", "a");
+    WriteAll(seed / "B.old", "b");
+    WriteAll(seed / "subfolder" / "C", "c");
+    host->seedDocRoot = seed.string() + "/";
+    host->dbSettings[{0, "DocumentsPath"}] = (dir / "new").string();
+
+    auto s = Make();
+    EXPECT_THAT(ListNames(dir / "new"), ElementsAre("A", "B.old")) << "files only, no recursion";
+    EXPECT_TRUE(fs::exists(seed / "A")) << "the old files stay";
+
+    // An existing folder is never touched again.
+    fs::remove(dir / "new" / "A");
+    WriteAll(seed / "D", "d");
+    Make();
+    EXPECT_THAT(ListNames(dir / "new"), ElementsAre("B.old"));
+
+    // Offline stores and SetFilePath without migration don't seed.
+    host->dbSettings[{0, "DocumentsPath"}] = (dir / "unseeded").string();
+    s->SetFilePath((dir / "unseeded").string(), false);
+    EXPECT_THAT(ListNames(dir / "unseeded"), IsEmpty());
+
+    // A name that already stands keeps its content; the other files still come.
+    struct Seeder : TDocFileLoaderLocFile {
+        using TDocFileLoaderLocFile::SeedFromOldRoot;
+        using TDocFileLoaderLocFile::TDocFileLoaderLocFile;
+    } seeder(nullptr);
+    seeder.SetFilePath((dir / "partial").string(), false);
+    WriteAll(dir / "partial" / "A", "mine");
+    seeder.SeedFromOldRoot(seed.string());
+    EXPECT_THAT(ListNames(dir / "partial"), ElementsAre("A", "B.old", "D"));
+    EXPECT_EQ(ReadAll(dir / "partial" / "A"), "mine");
+}
+
+TEST_F(LocalStoreTest, SeedingSkipsTheSameFolder) {
+    host->seedDocRoot = (dir / "same").string();
+    host->dbSettings[{0, "DocumentsPath"}] = (dir / "same").string();
+    EXPECT_NO_THROW(Make());
+    EXPECT_THAT(ListNames(dir / "same"), IsEmpty());
+}
+
+TEST_F(LocalStoreTest, PlainUploadOfAMissingLocalFileRaisesTheUserMessage) {
+    host->user.bools[{"DocAdmin", "NoCompression"}] = true;
+    host->dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
+    auto s = Make();
+    bool ended = false;
+    s->OnTransferEnd = [&](TObject*, std::int64_t) { ended = true; };
+    const std::string missing = (dir / "local" / "missing.txt").string();
+    try {
+        s->UploadFile(missing, "", upmNew);
+        FAIL() << "no exception";
+    } catch (const EKRUserMessageException& e) {
+        EXPECT_EQ(e.Message(), "Local file " + missing + " not found. Can't save to repository!");
+    }
+    EXPECT_FALSE(ended);
+    EXPECT_THAT(ListNames(dir / "repo"), IsEmpty()) << "no temporary file is left";
+}
+
+// A store whose upload stops between writing the content and putting it in place, as a crash
+// there would.
+class CrashingStore : public TDocFileLoaderLocFile {
+  public:
+    using TDocFileLoaderLocFile::TDocFileLoaderLocFile;
+    bool crash = false;
+
+  protected:
+    void CommitUpload(const std::string& TempFile, const std::string& Target) override {
+        if (crash) {
+            // The content stands complete beside the target, under another name.
+            EXPECT_EQ(fs::path(TempFile).parent_path(), fs::path(Target).parent_path());
+            EXPECT_TRUE(fs::exists(TempFile));
+            throw EInOutError("power failure");
+        }
+        TDocFileLoaderLocFile::CommitUpload(TempFile, Target);
+    }
+};
+
+TEST_F(LocalStoreTest, UploadCutShortBeforeTheRenameLeavesTheOldContent) {
+    host->dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
+    for (bool noCompression : {false, true}) {
+        host->user.bools[{"DocAdmin", "NoCompression"}] = noCompression;
+        auto s = Make<CrashingStore>();
+        const std::string name = s->UploadFile(LocalFile("v1", "old content"), "", upmNew);
+        s->crash = true;
+        EXPECT_THROW(s->UploadFile(LocalFile("v2", TextBytes(3'000'000)), name, upmChange),
+                     EInOutError);
+        EXPECT_EQ(Fetch(*s, name), "old content");
+        EXPECT_THAT(ListNames(dir / "repo"), ElementsAre(name));
+        s->RemoveFile(name, "");
+    }
+}
+
+TEST_F(LocalStoreTest, LeftoverOfAnInterruptedUploadDoesNotDisturb) {
+    // What a real crash leaves: a complete or partial temporary file beside the target.
+    host->dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
+    auto s = Make();
+    const std::string name = s->UploadFile(LocalFile("v1", "old"), "", upmNew);
+    WriteAll(dir / "repo" / (".~" + name + ".0123.tmp"), "half");
+    EXPECT_EQ(Fetch(*s, name), "old");
+    EXPECT_EQ(s->UploadFile(LocalFile("v2", "new"), name, upmChange), name);
+    EXPECT_EQ(Fetch(*s, name), "new");
+
+    // Seeding from such a folder leaves the leftovers behind.
+    host->seedDocRoot = (dir / "repo").string();
+    host->dbSettings[{0, "DocumentsPath"}] = (dir / "moved").string();
+    Make();
+    EXPECT_THAT(ListNames(dir / "moved"), ElementsAre(name));
+}
+
+TEST_F(LocalStoreTest, CompressedUploadOfAMissingLocalFileLeavesNothingBehind) {
+    host->dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
+    auto s = Make();
+    EXPECT_THROW(s->UploadFile((dir / "local" / "missing").string(), "", upmNew), EFOpenError);
+    EXPECT_THAT(ListNames(dir / "repo"), IsEmpty());
+}
+
+}  // namespace
+}  // namespace docadmin::test

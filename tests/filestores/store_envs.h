@@ -1,0 +1,69 @@
+// Store factories for the shared store suite. Each gives a ready store (settings loaded) and raw
+// access to the repository behind it, so that tests can place files of older generations and
+// look at what an operation left.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "_TDocFileLoaderLocFile.h"
+#include "fake_host.h"
+#include "test_files.h"
+
+namespace docadmin::test {
+
+// What the suite needs of a store under test.
+class StoreEnv {
+  public:
+    virtual ~StoreEnv() = default;
+    virtual TBaseDocFileLoader& Store() = 0;
+    virtual void PutRaw(const std::string& remote, const std::string& bytes) = 0;
+    virtual std::string GetRaw(const std::string& remote) = 0;
+    // Every name the repository holds, sorted.
+    virtual std::vector<std::string> ListRaw() = 0;
+    // Message of a download of a missing name and of a removal of one.
+    virtual std::string MissingDownloadText(const std::string& remote) = 0;
+    virtual std::string MissingRemoveText(const std::string& remote) = 0;
+    // A scratch folder for local files, outside the repository.
+    virtual fs::path Local() = 0;
+};
+
+// A local store in a scratch folder, created through the fake host.
+template <class TStore>
+class LocalStoreEnv : public StoreEnv {
+  public:
+    LocalStoreEnv() : host_(new FakeHost) {
+        fs::create_directories(dir_ / "local");
+        host_->dbSettings[{0, "DocumentsPath"}] = (dir_ / "repo").string();
+        host_->local.strings[{"DOCSRV", "FileRoot"}] = (dir_ / "repo").string();
+        store_ = std::make_unique<TStore>(nullptr);
+        store_->SetMainInterface(host_.get());
+        store_->LoadSettings(false);
+    }
+    TBaseDocFileLoader& Store() override { return *store_; }
+    void PutRaw(const std::string& remote, const std::string& bytes) override {
+        WriteAll(dir_ / "repo" / remote, bytes);
+    }
+    std::string GetRaw(const std::string& remote) override {
+        return ReadAll(dir_ / "repo" / remote);
+    }
+    std::vector<std::string> ListRaw() override { return ListNames(dir_ / "repo"); }
+    std::string MissingDownloadText(const std::string& remote) override {
+        return "File " + (dir_ / "repo").string() + "/" + remote + " not found in repository!";
+    }
+    std::string MissingRemoveText(const std::string& remote) override {
+        return MissingDownloadText(remote);
+    }
+    fs::path Local() override { return dir_ / "local"; }
+
+  private:
+    ScratchDir dir_;
+    IPtr<FakeHost> host_;
+    std::unique_ptr<TStore> store_;
+};
+
+using LocFileEnv = LocalStoreEnv<TDocFileLoaderLocFile>;
+using LocServerEnv = LocalStoreEnv<TDocFileLoaderLocServer>;
+
+}  // namespace docadmin::test
