@@ -1,0 +1,94 @@
+#include "_THost.h"
+
+#include <filesystem>
+
+namespace docadmin {
+
+namespace {
+
+TDatabaseParams DatabaseParams(const TDocAdminConfig& AConfig) {
+    const TDatabaseConfig& db = AConfig.SelectedDatabase();
+    TDatabaseParams p;
+    p.Backend = db.Backend;
+    p.SQLitePath = db.Path;
+    p.ConnInfo = db.ConnInfo;
+    p.UpgradeSchema = true;
+    if (db.Backend == "sqlite") {
+        std::error_code ec;
+        std::filesystem::create_directories(std::filesystem::path(db.Path).parent_path(), ec);
+        if (ec)
+            throw EConfigError("cannot create the folder of database " + db.Name + " (" + db.Path +
+                               "): " + ec.message());
+    }
+    return p;
+}
+
+}  // namespace
+
+THost::THost(TDocAdminConfig AConfig, std::uint8_t ARunMode, int APasswordIterations)
+    : FConfig(std::move(AConfig)),
+      FRunMode(ARunMode),
+      FRepository(FConfig),
+      FLocalSettings(FConfig),
+      FDatabase(OpenDatabase(DatabaseParams(FConfig))),
+      FGlobalSettings(FDatabase.get()),
+      FUserSettings(FDatabase.get(), [] { return GetDBCurrentUserID(); }),
+      FUsers(FDatabase.get(), APasswordIterations) {}
+
+THost::~THost() {
+    try {
+        FLocalSettings.Save();
+    } catch (const std::exception&) {
+        // A destructor can't report; callers that care call SaveLocalSettings first.
+    }
+}
+
+HRESULT THost::QueryInterface(const TGUID& iid, void** obj) {
+    if (iid == IMainInterface::IID || iid == IInterface::IID) {
+        *obj = static_cast<IMainInterface*>(this);
+        return S_OK;
+    }
+    *obj = nullptr;
+    return E_NOINTERFACE;
+}
+
+IDBFieldSchema* THost::GetDBFieldSchema() {
+    // The catalogue is immutable; the interface hands it out without const as plug-ins expect.
+    return const_cast<IDBFieldSchema*>(FDatabase->GetFieldSchema());
+}
+
+void THost::SetCurrentUser(std::int64_t AUserID) {
+    SetDBCurrentUserID(AUserID);
+}
+
+std::int64_t THost::CurrentUserID() const {
+    return GetDBCurrentUserID();
+}
+
+bool THost::Login(const std::string& AUserName, const std::string& APassword) {
+    const std::int64_t id = FUsers.Login(AUserName, APassword);
+    SetCurrentUser(id);
+    return id != 0;
+}
+
+TDBUserAccess* THost::UserAccessFor(std::int64_t AUserID) {
+    if (AUserID == 0) return nullptr;
+    std::lock_guard lock(FAccessLock);
+    IPtr<TDBUserAccess>& slot = FAccess[AUserID];
+    if (!slot) slot = IPtr<TDBUserAccess>(new TDBUserAccess(FDatabase.get(), AUserID));
+    return slot.get();
+}
+
+IUserAccess* THost::GetUserAccess() {
+    return UserAccessFor(CurrentUserID());
+}
+
+ICurrentUser* THost::GetCurrentUser() {
+    return UserAccessFor(CurrentUserID());
+}
+
+std::unique_ptr<THost> OpenHost(const std::string& AConfigFile, std::uint8_t ARunMode) {
+    return std::make_unique<THost>(TDocAdminConfig::Locate(AConfigFile), ARunMode);
+}
+
+}  // namespace docadmin

@@ -1,0 +1,103 @@
+// THost: the host object that a plug-in meets as IMainInterface.
+//
+// A host is made from a configuration: it opens the selected database (creating and upgrading its
+// tables), and offers the schema catalogue, the database, the database repository, the user,
+// global and local settings, the application object, the current user and the run mode.
+//
+// The host lives as long as its owner (a std::unique_ptr); interface references to it don't
+// count, as with a component. Everything the accessors answer lives as long as the host.
+//
+// The current user belongs to the calling thread: SetCurrentUser on a thread makes that user the
+// one that GetUserAccess, GetCurrentUser, the user settings and the data layer's row rights see on
+// that thread (the data layer's per-thread user is the single record of it). 0 is nobody: no
+// user access object, all is allowed.
+//
+// All accessors are safe to call from any thread.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+
+#include "_DBInterface.h"
+#include "_PluginIntf.h"
+#include "_TDBSettingsStorage.h"
+#include "_TDBUserAccess.h"
+#include "_TDocAdminConfig.h"
+#include "_TLocalSettingsStorage.h"
+#include "_TUserStore.h"
+#include "_TVantrelDatabaseRepository.h"
+
+namespace docadmin {
+
+// Run modes of the host process.
+inline constexpr std::uint8_t rmTool = 0;    // an administrator's command
+inline constexpr std::uint8_t rmServer = 3;  // the multi-user server
+
+class THost : public TObject, public IMainInterface, public ICustomApp {
+  public:
+    // Opens the selected database of the configuration. Raises EConfigError or EDBException.
+    explicit THost(TDocAdminConfig AConfig, std::uint8_t ARunMode = rmTool,
+                   int APasswordIterations = DefaultPasswordIterations);
+    // Writes changed local settings back; failures there are swallowed (see SaveLocalSettings).
+    ~THost() override;
+
+    // IInterface: references don't count.
+    HRESULT QueryInterface(const TGUID& iid, void** obj) override;
+    std::int32_t _AddRef() override { return -1; }
+    std::int32_t _Release() override { return -1; }
+
+    // IMainInterface
+    IDBFieldSchema* GetDBFieldSchema() override;
+    IDBInterface* GetDBInterface() override { return FDatabase.get(); }
+    IVantrelDatabaseRepository* GetDatabaseRepository() override { return &FRepository; }
+    ISettingsStorage* GetUserSettings() override { return &FUserSettings; }
+    ISettingsStorage* GetGlobalSettings() override { return &FGlobalSettings; }
+    ISettingsStorage* GetLocalSettings() override { return &FLocalSettings; }
+    ICustomApp* GetCustomApp() override { return this; }
+    IUserAccess* GetUserAccess() override;
+    ICurrentUser* GetCurrentUser() override;
+    std::uint8_t RunMode() override { return FRunMode; }
+
+    // ICustomApp
+    std::string DataDirectory() override { return FConfig.DataDir(); }
+    bool IsServer() override { return FRunMode == rmServer; }
+    bool CanCreateContainer() override { return FConfig.CanCreateContainer(); }
+
+    const TDocAdminConfig& Config() const { return FConfig; }
+    TUserStore& Users() { return FUsers; }
+    TLocalSettingsStorage& LocalSettings() { return FLocalSettings; }
+    TGlobalSettingsStorage& GlobalSettings() { return FGlobalSettings; }
+    TUserSettingsStorage& UserSettings() { return FUserSettings; }
+
+    // The current user of the calling thread; 0 for nobody.
+    void SetCurrentUser(std::int64_t AUserID);
+    std::int64_t CurrentUserID() const;
+    // Checks name and password and makes the user current on this thread; false (and nobody
+    // current) when they don't match.
+    bool Login(const std::string& AUserName, const std::string& APassword);
+    // The rights object of a user (made on first use, kept for the host's life); null for 0.
+    TDBUserAccess* UserAccessFor(std::int64_t AUserID);
+
+    // Writes changed local settings into the configuration file.
+    void SaveLocalSettings() { FLocalSettings.Save(); }
+
+  private:
+    const TDocAdminConfig FConfig;
+    const std::uint8_t FRunMode;
+    TVantrelDatabaseRepository FRepository;
+    TLocalSettingsStorage FLocalSettings;
+    IPtr<IDBInterface> FDatabase;
+    TGlobalSettingsStorage FGlobalSettings;
+    TUserSettingsStorage FUserSettings;
+    TUserStore FUsers;
+
+    std::mutex FAccessLock;
+    std::map<std::int64_t, IPtr<TDBUserAccess>> FAccess;  // guarded by FAccessLock
+};
+
+// Opens a host from a configuration file ("" looks for one; see TDocAdminConfig::Locate).
+std::unique_ptr<THost> OpenHost(const std::string& AConfigFile, std::uint8_t ARunMode = rmTool);
+
+}  // namespace docadmin

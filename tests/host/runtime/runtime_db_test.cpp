@@ -1,0 +1,271 @@
+// Settings, users and rights on both databases.
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "_TDBSettingsStorage.h"
+#include "_TDBUserAccess.h"
+#include "_TUserStore.h"
+#include "host/db/db_test_support.h"
+
+using namespace docadmin;
+using docadmin::testing::DBTest;
+
+namespace {
+
+constexpr int kFastIterations = 1000;
+
+class RuntimeSettings : public DBTest {};
+class RuntimeUsers : public DBTest {
+  protected:
+    std::int64_t AddUser(const std::string& name, const std::string& password,
+                         bool readOnly = false, bool admin = false, std::int64_t group = 0) {
+        TUserInfo u;
+        u.UserName = name;
+        u.ReadOnly = readOnly;
+        u.Admin = admin;
+        u.DefaultACLGroup = group;
+        return Users().AddUser(u, password);
+    }
+    TUserStore& Users() {
+        if (!FUsers) FUsers = std::make_unique<TUserStore>(DB.get(), kFastIterations);
+        return *FUsers;
+    }
+    std::string StoredHash(std::int64_t id) {
+        auto rs = Set("users");
+        rs->GetSelectFields()->Add("passwordhash");
+        rs->GetFilters()->AddFilter("id", static_cast<long long>(id));
+        rs->Open();
+        return rs->ValueByName(0, "passwordhash").GetAsString();
+    }
+
+  private:
+    std::unique_ptr<TUserStore> FUsers;
+};
+
+}  // namespace
+
+TEST_P(RuntimeSettings, NeverWrittenReadsAsZeroOrDefault) {
+    TGlobalSettingsStorage g(DB.get());
+    EXPECT_EQ(g.ReadInt64("DocAdmin", "STOREUPD"), 0);
+    EXPECT_TRUE(g.ReadBool("DocAdmin", "NoCompression", true));
+    EXPECT_FALSE(g.ReadBool("DocAdmin", "NoCompression", false));
+    EXPECT_EQ(g.ReadString("DocAdmin", "X", "dflt"), "dflt");
+}
+
+TEST_P(RuntimeSettings, GlobalValuesAreWrittenOnceAndReplaced) {
+    TGlobalSettingsStorage g(DB.get());
+    g.WriteInt64("DocAdmin", "STOREUPD", 1);
+    g.WriteInt64("DocAdmin", "STOREUPD", INT64_MIN);
+    g.WriteInt64("DocAdmin", "ARCHIVEFLAGUPD", INT64_MAX);
+    g.WriteBool("DocAdmin", "NoCompression", true);
+    g.WriteString("Other", "STOREUPD", "not a number");
+
+    EXPECT_EQ(g.ReadInt64("DocAdmin", "STOREUPD"), INT64_MIN);
+    EXPECT_EQ(g.ReadInt64("DocAdmin", "ARCHIVEFLAGUPD"), INT64_MAX);
+    EXPECT_TRUE(g.ReadBool("DocAdmin", "NoCompression", false));
+    // Sections and keys are distinct and exact.
+    EXPECT_EQ(g.ReadInt64("Other", "STOREUPD"), 0);
+    EXPECT_EQ(g.ReadString("Other", "STOREUPD", ""), "not a number");
+    EXPECT_EQ(g.ReadInt64("docadmin", "STOREUPD"), 0);
+    EXPECT_EQ(g.ReadInt64("DocAdmin", "storeupd"), 0);
+
+    // One row per key, whatever the number of writes; a second store object sees the values.
+    auto rs = Set("globalsettings");
+    rs->SetSelectAll(true);
+    rs->Open();
+    EXPECT_EQ(rs->GetRecordCount(), 4);
+    TGlobalSettingsStorage again(DB.get());
+    EXPECT_EQ(again.ReadInt64("DocAdmin", "STOREUPD"), INT64_MIN);
+
+    g.DeleteKey("DocAdmin", "STOREUPD");
+    EXPECT_EQ(again.ReadInt64("DocAdmin", "STOREUPD"), 0);
+    g.DeleteKey("DocAdmin", "STOREUPD");  // a missing key is no error
+}
+
+TEST_P(RuntimeSettings, UserSettingsBelongToTheCurrentUser) {
+    std::int64_t current = 7;
+    TUserSettingsStorage u(DB.get(), [&current] { return current; });
+    TGlobalSettingsStorage g(DB.get());
+    u.WriteBool("DocAdmin", "NoCompression", true);
+    u.WriteInt64("DocAdmin", "Count", 5);
+    EXPECT_TRUE(u.ReadBool("DocAdmin", "NoCompression", false));
+    EXPECT_EQ(g.ReadInt64("DocAdmin", "Count"), 0);  // not a global setting
+
+    current = 8;
+    EXPECT_FALSE(u.ReadBool("DocAdmin", "NoCompression", false));
+    EXPECT_EQ(u.ReadInt64("DocAdmin", "Count"), 0);
+    u.WriteInt64("DocAdmin", "Count", 9);
+
+    current = 7;
+    EXPECT_EQ(u.ReadInt64("DocAdmin", "Count"), 5);
+    current = 8;
+    EXPECT_EQ(u.ReadInt64("DocAdmin", "Count"), 9);
+}
+
+TEST_P(RuntimeSettings, ConcurrentWritersLeaveOneRowPerKey) {
+    TGlobalSettingsStorage a(DB.get());
+    TGlobalSettingsStorage b(DB.get());
+    std::thread t1([&] {
+        for (int i = 0; i < 20; ++i)
+            a.WriteInt64("S", "K" + std::to_string(i % 5), i);
+    });
+    std::thread t2([&] {
+        for (int i = 0; i < 20; ++i)
+            b.WriteInt64("S", "K" + std::to_string(i % 5), 100 + i);
+    });
+    t1.join();
+    t2.join();
+    auto rs = Set("globalsettings");
+    rs->SetSelectAll(true);
+    rs->Open();
+    EXPECT_EQ(rs->GetRecordCount(), 5);
+    for (int k = 0; k < 5; ++k) {
+        const std::int64_t v = a.ReadInt64("S", "K" + std::to_string(k));
+        EXPECT_TRUE(v == 15 + k || v == 115 + k) << v;
+    }
+}
+
+TEST_P(RuntimeUsers, AddFindListAndRejectDuplicates) {
+    const std::int64_t g = Users().AddACLGroup("sales", "Sales people");
+    const std::int64_t bob = AddUser("bob", "pw1", true, false, g);
+    const std::int64_t alice = AddUser("alice", "");
+    EXPECT_NE(bob, alice);
+
+    const auto b = Users().FindUser("bob");
+    ASSERT_TRUE(b);
+    EXPECT_EQ(b->ID, bob);
+    EXPECT_TRUE(b->ReadOnly);
+    EXPECT_FALSE(b->Admin);
+    EXPECT_EQ(b->DefaultACLGroup, g);
+    EXPECT_TRUE(b->HasPassword);
+    EXPECT_FALSE(Users().GetUser(alice)->HasPassword);
+    EXPECT_FALSE(Users().FindUser("Bob"));  // names are exact
+    EXPECT_FALSE(Users().GetUser(999999));
+
+    const auto all = Users().ListUsers();
+    ASSERT_EQ(all.size(), 2u);
+    EXPECT_EQ(all[0].UserName, "alice");
+    EXPECT_EQ(all[1].UserName, "bob");
+
+    EXPECT_THROW(AddUser("bob", "x"), EUserStoreError);
+    EXPECT_THROW(AddUser("", "x"), EUserStoreError);
+    EXPECT_THROW(AddUser("carol", "x", false, false, 424242), EUserStoreError);
+    EXPECT_THROW(Users().AddACLGroup("sales", ""), EUserStoreError);
+    EXPECT_THROW(Users().SetPassword("nobody", "x"), EUserStoreError);
+    EXPECT_EQ(Users().ListUsers().size(), 2u);
+}
+
+TEST_P(RuntimeUsers, PasswordsAreSaltedHashesAndLoginChecksThem) {
+    const std::int64_t a = AddUser("ann", "secret");
+    const std::int64_t b = AddUser("ben", "secret");
+    const std::string ha = StoredHash(a), hb = StoredHash(b);
+    EXPECT_EQ(ha.find("secret"), std::string::npos);
+    EXPECT_NE(ha, hb);  // same password, different salt
+    EXPECT_EQ(ha.rfind("pbkdf2-sha256$1000$", 0), 0u) << ha;
+
+    EXPECT_EQ(Users().Login("ann", "secret"), a);
+    EXPECT_EQ(Users().Login("ann", "Secret"), 0);
+    EXPECT_EQ(Users().Login("ann", ""), 0);
+    EXPECT_EQ(Users().Login("nobody", "secret"), 0);
+
+    Users().SetPassword("ann", "new one");
+    EXPECT_EQ(Users().Login("ann", "secret"), 0);
+    EXPECT_EQ(Users().Login("ann", "new one"), a);
+
+    // Without a password nobody logs in, not even with an empty one.
+    AddUser("nopw", "");
+    EXPECT_EQ(Users().Login("nopw", ""), 0);
+    Users().SetPassword("ann", "");
+    EXPECT_EQ(Users().Login("ann", ""), 0);
+}
+
+TEST_P(RuntimeUsers, ModesPerGroupAreSetReplacedAndRemoved) {
+    const std::int64_t u = AddUser("u", "p");
+    const std::int64_t g1 = Users().AddACLGroup("g1", "");
+    const std::int64_t g2 = Users().AddACLGroup("g2", "");
+    EXPECT_FALSE(Users().GetUserACLMode(u, g1));
+    Users().SetUserACLMode(u, g1, uamReadOnly);
+    Users().SetUserACLMode(u, g1, uamReadWrite);
+    Users().SetUserACLMode(u, g2, uamDenied);
+    EXPECT_EQ(Users().GetUserACLMode(u, g1), uamReadWrite);
+    EXPECT_EQ(Users().GetUserACLMode(u, g2), uamDenied);
+    Users().RemoveUserACLMode(u, g2);
+    EXPECT_FALSE(Users().GetUserACLMode(u, g2));
+    EXPECT_THROW(Users().SetUserACLMode(u, 999999, uamFull), EUserStoreError);
+    EXPECT_THROW(Users().SetUserACLMode(999999, g1, uamFull), EUserStoreError);
+
+    const auto groups = Users().ListACLGroups();
+    ASSERT_EQ(groups.size(), 2u);
+    EXPECT_EQ(groups[0].Name, "g1");
+    EXPECT_EQ(Users().FindACLGroup("g2")->ID, g2);
+}
+
+TEST_P(RuntimeUsers, UserAccessAnswersTheRightsChecks) {
+    const std::int64_t g1 = Users().AddACLGroup("g1", "");
+    const std::int64_t g2 = Users().AddACLGroup("g2", "");
+    const std::int64_t g3 = Users().AddACLGroup("g3", "");
+    const std::int64_t u = AddUser("u", "p", false, false, g2);
+    Users().SetUserACLMode(u, g1, uamFull);
+    Users().SetUserACLMode(u, g2, uamReadOnly);
+    const std::int64_t admin = AddUser("root", "p", false, true);
+    const std::int64_t ro = AddUser("ro", "p", true);
+
+    IPtr<TDBUserAccess> access(new TDBUserAccess(DB.get(), u));
+    EXPECT_EQ(access->GetUserID(), u);
+    EXPECT_FALSE(access->IsReadOnly());
+    EXPECT_EQ(access->GetDefaultACLGroup(), g2);
+    EXPECT_EQ(access->GetGroupAccessMode(g1), uamFull);
+    EXPECT_EQ(access->GetGroupAccessMode(g2), uamReadOnly);
+    EXPECT_EQ(access->GetGroupAccessMode(g3), uamDenied);  // no row
+    EXPECT_EQ(access->GetGroupAccessMode(0), uamFull);     // no group
+
+    IPtr<TDBUserAccess> root(new TDBUserAccess(DB.get(), admin));
+    EXPECT_EQ(root->GetGroupAccessMode(g3), uamFull);
+    IPtr<TDBUserAccess> readOnly(new TDBUserAccess(DB.get(), ro));
+    EXPECT_TRUE(readOnly->IsReadOnly());
+    IPtr<TDBUserAccess> gone(new TDBUserAccess(DB.get(), 999999));
+    EXPECT_TRUE(gone->IsReadOnly());
+    EXPECT_EQ(gone->GetGroupAccessMode(0), uamDenied);
+
+    // Reached as the interfaces the document layer holds.
+    IPtr<IUserAccess> asInterface;
+    ASSERT_TRUE(Supports(static_cast<IUserAccess*>(access.get()), asInterface));
+    EXPECT_EQ(asInterface->GetGroupAccessMode(g1), uamFull);
+    ICurrentUser* current = access.get();
+    EXPECT_EQ(current->GetDefaultACLGroup(), g2);
+}
+
+TEST_P(RuntimeUsers, UserAccessSeesChangesAfterItsCacheTime) {
+    const std::int64_t g = Users().AddACLGroup("g", "");
+    const std::int64_t u = AddUser("u", "p");
+    IPtr<TDBUserAccess> cached(new TDBUserAccess(DB.get(), u, std::chrono::hours(1)));
+    IPtr<TDBUserAccess> live(new TDBUserAccess(DB.get(), u, std::chrono::milliseconds(0)));
+    EXPECT_EQ(cached->GetGroupAccessMode(g), uamDenied);
+    EXPECT_FALSE(cached->IsReadOnly());
+
+    Users().SetUserACLMode(u, g, uamReadWrite);
+    Users().SetReadOnly("u", true);
+    EXPECT_EQ(cached->GetGroupAccessMode(g), uamDenied);
+    EXPECT_FALSE(cached->IsReadOnly());
+    EXPECT_EQ(live->GetGroupAccessMode(g), uamReadWrite);
+    EXPECT_TRUE(live->IsReadOnly());
+
+    cached->Invalidate();
+    EXPECT_EQ(cached->GetGroupAccessMode(g), uamReadWrite);
+    EXPECT_TRUE(cached->IsReadOnly());
+}
+
+TEST_P(RuntimeUsers, ACLTableControllerIsFoundByTableName) {
+    IPtr<TDBUserAccess> access(new TDBUserAccess(DB.get(), AddUser("u", "p")));
+    EXPECT_EQ(access->GetACLTableController("runtime_acl_test_table"), nullptr);
+    {
+        TKRACLDataTableController controller(nullptr);
+        controller.AddTable("runtime_acl_test_table", TACLTableType::atDefault, "", "Test");
+        EXPECT_EQ(access->GetACLTableController("runtime_acl_test_table"), &controller);
+    }
+    EXPECT_EQ(access->GetACLTableController("runtime_acl_test_table"), nullptr);
+}
+
+DB_INSTANTIATE(RuntimeSettings);
+DB_INSTANTIATE(RuntimeUsers);
