@@ -1,0 +1,204 @@
+// docadmin user ...: users, ACL groups and modes, for an administrator.
+//
+//   user add NAME [--password-stdin | --no-password] [--read-only] [--admin] [--group G]
+//   user list
+//   user passwd NAME [--password-stdin]
+//   user group-add NAME [--description TEXT]
+//   user groups
+//   user mode NAME GROUP MODE      (MODE: full, read, readwrite, denied or none)
+//
+// Passwords come from the first line of standard input with --password-stdin, or are asked for
+// twice on the terminal without echo.
+#include <termios.h>
+#include <unistd.h>
+
+#include <iostream>
+
+#include "commands.h"
+#include "host_options.h"
+
+namespace docadmin::app {
+namespace {
+
+std::string ReadLine(std::istream& in) {
+    std::string line;
+    if (!std::getline(in, line)) throw Exception("No password on standard input");
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    return line;
+}
+
+std::string AskHidden(const char* prompt) {
+    std::cerr << prompt << std::flush;
+    termios old{};
+    const bool tty = tcgetattr(STDIN_FILENO, &old) == 0;
+    if (tty) {
+        termios quiet = old;
+        quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+        tcsetattr(STDIN_FILENO, TCSANOW, &quiet);
+    }
+    std::string line;
+    const bool ok = static_cast<bool>(std::getline(std::cin, line));
+    if (tty) tcsetattr(STDIN_FILENO, TCSANOW, &old);
+    std::cerr << "\n";
+    if (!ok) throw Exception("No password given");
+    return line;
+}
+
+std::string ReadPassword(bool fromStdin) {
+    if (fromStdin) return ReadLine(std::cin);
+    if (!isatty(STDIN_FILENO))
+        throw Exception("No terminal to ask for a password: use --password-stdin");
+    const std::string first = AskHidden("New password: ");
+    if (AskHidden("Repeat password: ") != first) throw Exception("The passwords differ");
+    if (first.empty()) throw Exception("An empty password is not allowed");
+    return first;
+}
+
+// A group by id or by name.
+std::int64_t ResolveGroup(TUserStore& users, const std::string& text) {
+    std::int64_t id = 0;
+    bool numeric = !text.empty();
+    for (char c : text)
+        numeric = numeric && c >= '0' && c <= '9';
+    if (numeric) {
+        id = std::stoll(text);
+        if (id != 0 && !users.GetACLGroup(id))
+            throw Exception("ACL group " + text + " does not exist");
+        return id;
+    }
+    const auto g = users.FindACLGroup(text);
+    if (!g) throw Exception("ACL group " + text + " does not exist");
+    return g->ID;
+}
+
+TUserInfo RequireUser(TUserStore& users, const std::string& name) {
+    const auto u = users.FindUser(name);
+    if (!u) throw Exception("User " + name + " does not exist");
+    return *u;
+}
+
+struct UserOptions {
+    HostOptions Host;
+    std::string Name;
+    std::string Group;
+    std::string FullName;
+    std::string Description;
+    std::string Mode;
+    bool PasswordStdin = false;
+    bool NoPassword = false;
+    bool ReadOnly = false;
+    bool Admin = false;
+};
+
+void Install(CLI::App& app) {
+    auto o = std::make_shared<UserOptions>();
+    CLI::App* user = app.add_subcommand("user", "Users, ACL groups and their modes");
+    user->require_subcommand(1);
+
+    CLI::App* add = user->add_subcommand("add", "Add a user");
+    AddHostOptions(add, o->Host);
+    add->add_option("NAME", o->Name, "user name")->required();
+    auto* pwStdin = add->add_flag("--password-stdin", o->PasswordStdin,
+                                  "read the password from the first line of standard input");
+    add->add_flag("--no-password", o->NoPassword, "no password: the user cannot log in")
+        ->excludes(pwStdin);
+    add->add_flag("--read-only", o->ReadOnly, "the user may read but not change");
+    add->add_flag("--admin", o->Admin, "the user has full rights in every ACL group");
+    add->add_option("--group", o->Group, "default ACL group (id or name)");
+    add->add_option("--full-name", o->FullName, "the user's full name");
+    add->callback([o] {
+        auto host = OpenHost(o->Host);
+        TUserStore& users = host->Users();
+        TUserInfo u;
+        u.UserName = o->Name;
+        u.FullName = o->FullName;
+        u.ReadOnly = o->ReadOnly;
+        u.Admin = o->Admin;
+        if (!o->Group.empty()) u.DefaultACLGroup = ResolveGroup(users, o->Group);
+        if (users.FindUser(o->Name)) throw Exception("User " + o->Name + " exists");
+        const std::string password = o->NoPassword ? std::string() : ReadPassword(o->PasswordStdin);
+        const std::int64_t id = users.AddUser(u, password);
+        std::cout << "added user " << o->Name << " (id " << id << ")\n";
+    });
+
+    CLI::App* list = user->add_subcommand("list", "List the users");
+    AddHostOptions(list, o->Host);
+    list->callback([o] {
+        auto host = OpenHost(o->Host);
+        std::cout << "id\tname\tflags\tgroup\tfull name\n";
+        for (const TUserInfo& u : host->Users().ListUsers()) {
+            std::string flags;
+            auto flag = [&flags](bool on, const char* word) {
+                if (!on) return;
+                if (!flags.empty()) flags += ",";
+                flags += word;
+            };
+            flag(u.Admin, "admin");
+            flag(u.ReadOnly, "read-only");
+            flag(u.Disabled, "disabled");
+            flag(!u.HasPassword, "no-password");
+            std::cout << u.ID << "\t" << u.UserName << "\t" << (flags.empty() ? "-" : flags) << "\t"
+                      << u.DefaultACLGroup << "\t" << u.FullName << "\n";
+        }
+    });
+
+    CLI::App* passwd = user->add_subcommand("passwd", "Set a user's password");
+    AddHostOptions(passwd, o->Host);
+    passwd->add_option("NAME", o->Name, "user name")->required();
+    passwd->add_flag("--password-stdin", o->PasswordStdin,
+                     "read the password from the first line of standard input");
+    passwd->callback([o] {
+        auto host = OpenHost(o->Host);
+        RequireUser(host->Users(), o->Name);
+        host->Users().SetPassword(o->Name, ReadPassword(o->PasswordStdin));
+        std::cout << "password of " << o->Name << " changed\n";
+    });
+
+    CLI::App* groupAdd = user->add_subcommand("group-add", "Add an ACL group");
+    AddHostOptions(groupAdd, o->Host);
+    groupAdd->add_option("NAME", o->Name, "group name")->required();
+    groupAdd->add_option("--description", o->Description, "what the group is for");
+    groupAdd->callback([o] {
+        auto host = OpenHost(o->Host);
+        const std::int64_t id = host->Users().AddACLGroup(o->Name, o->Description);
+        std::cout << "added ACL group " << o->Name << " (id " << id << ")\n";
+    });
+
+    CLI::App* groups = user->add_subcommand("groups", "List the ACL groups");
+    AddHostOptions(groups, o->Host);
+    groups->callback([o] {
+        auto host = OpenHost(o->Host);
+        std::cout << "id\tname\tdescription\n";
+        for (const TACLGroupInfo& g : host->Users().ListACLGroups())
+            std::cout << g.ID << "\t" << g.Name << "\t" << g.Description << "\n";
+    });
+
+    CLI::App* mode = user->add_subcommand("mode", "Set a user's mode in an ACL group");
+    AddHostOptions(mode, o->Host);
+    mode->add_option("NAME", o->Name, "user name")->required();
+    mode->add_option("GROUP", o->Group, "ACL group (id or name)")->required();
+    mode->add_option("MODE", o->Mode, "full, read, readwrite, denied, or none to remove")
+        ->required()
+        ->check(CLI::IsMember({"full", "read", "readwrite", "denied", "none"}));
+    mode->callback([o] {
+        auto host = OpenHost(o->Host);
+        TUserStore& users = host->Users();
+        const TUserInfo u = RequireUser(users, o->Name);
+        const std::int64_t g = ResolveGroup(users, o->Group);
+        if (o->Mode == "none") {
+            users.RemoveUserACLMode(u.ID, g);
+        } else {
+            const TUserACLMode m = o->Mode == "full"        ? uamFull
+                                   : o->Mode == "read"      ? uamReadOnly
+                                   : o->Mode == "readwrite" ? uamReadWrite
+                                                            : uamDenied;
+            users.SetUserACLMode(u.ID, g, m);
+        }
+        std::cout << "mode of " << o->Name << " in group " << o->Group << ": " << o->Mode << "\n";
+    });
+}
+
+CommandRegistrar reg(Install);
+
+}  // namespace
+}  // namespace docadmin::app
