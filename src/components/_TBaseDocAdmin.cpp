@@ -1,0 +1,518 @@
+#include "_TBaseDocAdmin.h"
+
+#include <filesystem>
+
+namespace docadmin {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// Runs a step when the scope ends, also by an exception.
+template <class F>
+struct TFinally {
+    F f;
+    ~TFinally() { f(); }
+};
+template <class F>
+TFinally(F) -> TFinally<F>;
+
+// Frees an item that has left its list; a held one lives on detached.
+void DropItem(TCustomStorageItem* AItem) {
+    if (AItem->RefCount() > 1)
+        AItem->ExtractAsRefCounted();
+    else
+        TCustomStorageItem::FreeItem(AItem);
+}
+
+bool HasChangesBelow(TDocDirectory* ADir) {
+    for (TDocDirectory* child : ADir->ChildDirectoriesInMemory())
+        if (child->ChangeState() != chNone || HasChangesBelow(child)) return true;
+    for (TDocument* doc : ADir->DocumentsInMemory())
+        if (doc->ChangeState() != chNone) return true;
+    return false;
+}
+
+}  // namespace
+
+TBaseDocAdmin::TBaseDocAdmin(TComponent* AOwner) : TComponent(AOwner) {
+    FDirectories = new TDocDirectoryRoot(this);
+}
+
+TBaseDocAdmin::~TBaseDocAdmin() {
+    FChildDirectoryChildCountChangedPendingList.clear();
+    if (FDirectories->RefCount() >= 2) {
+        FDirectories->ExtractAsRefCounted();
+    } else {
+        FDirectories->DetachFromDocAdmin();
+        TCustomStorageItem::FreeItem(FDirectories);
+    }
+    FDirectories = nullptr;
+    delete FDocFileLoader;
+    FActiveRecordFlagIDs.reset();
+    FSQLFilters.reset();
+}
+
+HRESULT TBaseDocAdmin::QueryInterface(const TGUID& iid, void** obj) {
+    if (iid == IInterface::IID || iid == IPluginContextObject::IID) {
+        *obj = static_cast<IPluginContextObject*>(this);
+        return S_OK;
+    }
+    *obj = nullptr;
+    return E_NOINTERFACE;
+}
+
+std::string TBaseDocAdmin::GetDocumentFileInfo(std::int32_t /*ADocumentID*/, std::string& ADocName,
+                                               TDateTime& ADate, bool /*AGenerateIfEmpty*/) {
+    ADocName.clear();
+    ADate = MinDateTime;
+    return {};
+}
+
+bool TBaseDocAdmin::UpdateDocumentWithID(TComponent* /*AOwner*/, std::int64_t /*ADocumentID*/,
+                                         const std::string& /*ASourceFileName*/,
+                                         TBaseDocFileLoader* /*ADocFileLoader*/,
+                                         bool /*AddToArchive*/, bool /*AChangeFileName*/) {
+    throw Exception("Abstract Error");
+}
+
+void TBaseDocAdmin::SetDocFileLoader(TBaseDocFileLoader* v) {
+    if (v == FDocFileLoader) return;
+    delete FDocFileLoader;
+    FDocFileLoader = v;
+}
+
+// ---- Updates
+
+void TBaseDocAdmin::BeginUpdate() {
+    ++FUpdateCount;
+    // The root loads before the first change below it.
+    if (FUpdateCount == 1 && !FRootDirectoryPath.empty()) FDirectories->ChildDirectoryCount();
+}
+
+void TBaseDocAdmin::EndUpdate() {
+    --FUpdateCount;
+    EndUpdateStep();
+}
+
+void TBaseDocAdmin::EndUpdateStep() {
+    if (FUpdateCount != 0) return;
+    if (FAutoSave) SaveChanges();
+    if (OnDirectoryChildCountChanged) {
+        // By index: a handler may free a directory, which withdraws it from the list.
+        auto& pending = FChildDirectoryChildCountChangedPendingList;
+        for (size_t i = 0; i < pending.size(); ++i)
+            OnDirectoryChildCountChanged(this, pending[i]);
+        pending.clear();
+    }
+    // Raised around OnChanged, so that a handler's own update doesn't come back here.
+    ++FUpdateCount;
+    TFinally lower{[this] { --FUpdateCount; }};
+    if (OnChanged) OnChanged(this);
+}
+
+void TBaseDocAdmin::SaveChanges() {
+    ++FUpdateCount;
+    ++FSaveUpdateCount;
+    TFinally lower{[this] {
+        --FSaveUpdateCount;
+        --FUpdateCount;
+    }};
+    if (DoSaveChanges() && OnSaved) OnSaved(this);
+}
+
+void TBaseDocAdmin::DirectoryChildCountChanged(TDocDirectory* ADirectory,
+                                               TLoadingState ALoadingState) {
+    if (!OnDirectoryChildCountChanged || !ADirectory->LoadingState().Contains(ALoadingState))
+        return;
+    if (FUpdateCount > 0)
+        FChildDirectoryChildCountChangedPendingList.push_back(ADirectory);
+    else
+        OnDirectoryChildCountChanged(this, ADirectory);
+}
+
+void TBaseDocAdmin::RemoveFromPendingList(TDocDirectory* ADirectory) {
+    auto& pending = FChildDirectoryChildCountChangedPendingList;
+    std::erase(pending, ADirectory);
+}
+
+void TBaseDocAdmin::NotifyLoadingState(TLoadingStateNotification AState) {
+    if (AState == lsRootDirectoriesLoadingFinished) {
+        // The table names are crossed on purpose: documents' ACLs steer directories and the
+        // other way round, as the stored rights expect.
+        FHasACLOnDirectories =
+            FUserAccess && FUserAccess->GetACLTableController("docadmindocs") != nullptr;
+        FHasACLOnDocuments =
+            FUserAccess && FUserAccess->GetACLTableController("docadmindir") != nullptr;
+    }
+    if (OnLoadingState) OnLoadingState(this, AState);
+}
+
+// ---- Access
+
+std::int32_t TBaseDocAdmin::CurrentUserID() {
+    if (FUserAccess) return FUserAccess->GetUserID();
+    IUserAccess* ua = FMainInterface ? FMainInterface->GetUserAccess() : nullptr;
+    return ua ? ua->GetUserID() : 0;
+}
+
+std::int64_t TBaseDocAdmin::GetStoragItemACLGroup(TCustomStorageItem* AItem) {
+    ICurrentUser* user = FMainInterface ? FMainInterface->GetCurrentUser() : nullptr;
+    if (AItem->ACLGroupID() < 0 && user) return user->GetDefaultACLGroup();
+    return AItem->ACLGroupID();
+}
+
+bool TBaseDocAdmin::GetStoragItemACLWriteable(TCustomStorageItem* AItem) {
+    if (!FUserAccess) return true;
+    if (!AItem) return !FUserAccess->IsReadOnly();
+    auto* dir = dynamic_cast<TDocDirectory*>(AItem);
+    auto* doc = dynamic_cast<TDocument*>(AItem);
+    if ((FHasACLOnDirectories && dir) || (FHasACLOnDocuments && doc)) {
+        if (FUserAccess->IsReadOnly()) return false;
+        const std::int32_t mode = FUserAccess->GetGroupAccessMode(GetStoragItemACLGroup(AItem));
+        bool result = mode == 0 || mode == 2;
+        if (result && FHasACLOnDirectories)
+            result = GetStoragItemACLWriteable(
+                doc ? static_cast<TCustomStorageItem*>(doc->Directory()) : dir->ParentDir());
+        return result;
+    }
+    return !FUserAccess->IsReadOnly();
+}
+
+void TBaseDocAdmin::CheckStoragItemACLWriteable(TCustomStorageItem* AItem) {
+    if (!GetStoragItemACLWriteable(AItem))
+        throw EDocAdminNoWriteAccessError("No write access to '" +
+                                          (AItem ? AItem->DisplayName() : std::string()) + "'!");
+}
+
+std::int64_t TBaseDocAdmin::DocumentRecordFlagsMetaID() {
+    if (FDocumentRecordFlagsMetaID == -1 && FRecordFlagsPlugin && FRecordFlagsPlugin->Available())
+        if (auto p = FRecordFlagsPlugin->GetPlugin("docadmindocs"))
+            FDocumentRecordFlagsMetaID = p->Get_MetaID();
+    return FDocumentRecordFlagsMetaID;
+}
+
+std::int64_t TBaseDocAdmin::DirectoryRecordFlagsMetaID() {
+    if (FDirectoryRecordFlagsMetaID == -1 && FRecordFlagsPlugin && FRecordFlagsPlugin->Available())
+        if (auto p = FRecordFlagsPlugin->GetPlugin("docadmindir"))
+            FDirectoryRecordFlagsMetaID = p->Get_MetaID();
+    return FDirectoryRecordFlagsMetaID;
+}
+
+void TBaseDocAdmin::SetActiveRecordFlagTypes(TRecordFlagTypes v) {
+    if (v == FActiveRecordFlagTypes) return;
+    FActiveRecordFlagTypes = v;
+    FActiveRecordFlagIDs.reset();
+}
+
+TVTLSQLParser* TBaseDocAdmin::SQLFilters() {
+    if (!FSQLFilters) FSQLFilters = std::make_unique<TVTLSQLParser>();
+    return FSQLFilters.get();
+}
+
+IPtr<IRessourceContainer> TBaseDocAdmin::RessourceContainer() {
+    if (OnGetRessourceContainer) {
+        IPtr<IRessourceContainer> r;
+        OnGetRessourceContainer(this, r);
+        return r;
+    }
+    return FRessourceContainer;
+}
+
+// ---- Operations
+
+TDocDirectory* TBaseDocAdmin::NewDirectoryIn(TDocDirectory* AParent, const std::string& ATitle) {
+    TDocDirectory* d = AParent->AddChildDirectory();
+    d->SetChangeState(chAdded);
+    d->SetTitel(ATitle);
+    d->SetCreaDate(Now());
+    d->SetCreaID(CurrentUserID());
+    d->SetChangeDate(d->CreaDate());
+    d->SetChangeID(d->CreaID());
+    return d;
+}
+
+TDocument* TBaseDocAdmin::SaveDoc(TDocument* ADocument, TChangeState Mode,
+                                  const std::string& LocalFileName, TDocDirectory* DestDir,
+                                  const std::string& AFileName, TDocAdminDocTags ADocumentTags) {
+    if (Mode != chAdded) CheckStoragItemACLWriteable(ADocument);
+    BeginUpdate();
+    std::error_code ec;
+    if (!fs::exists(LocalFileName, ec))
+        throw EFOpenError("File '" + LocalFileName + "' not found!");
+    TDocument* doc = ADocument;
+    if (Mode == chAdded) {
+        doc = FDirectories->AddDocument();
+        if (DestDir) doc->SetDirectory(DestDir);
+        doc->SetDocName(AFileName.empty() ? LocalFileName : AFileName);
+        doc->SetLocalFile(LocalFileName);
+        doc->SetDocumentTags(ADocumentTags);
+    } else if (!doc) {
+        throw Exception("No document to save!");
+    }
+    if (doc->ChangeState() != chAdded) doc->SetChangeState(Mode);
+    TDocument::Calculate(doc, FMainInterface.get());
+    // At the depth of this bracket the step does nothing; the one of EndUpdate saves.
+    EndUpdateStep();
+    EndUpdate();
+    return doc;
+}
+
+void TBaseDocAdmin::ReplaceFile(TDocument* ADocument, const std::string& LocalSourceFile,
+                                bool ChangeFileName, TRessourceArchiveMode AArchiveMode) {
+    CheckStoragItemACLWriteable(ADocument);
+    BeginUpdate();
+    const TChangeState prev = ADocument->ChangeState();
+    if (ChangeFileName) ADocument->SetDocName(LocalSourceFile);
+    ADocument->SetLocalFile(LocalSourceFile);
+    ADocument->SetFileHasChanged(true);
+    ADocument->SetArchiveMode(AArchiveMode);
+    ADocument->SetDate(GetFileDate(LocalSourceFile));
+    ADocument->SetSize(std::max<std::int64_t>(0, GetFileSize(LocalSourceFile)));
+    ADocument->SetVersion(ADocument->Version().Increment());
+    ADocument->UpdatedChanged();
+    if (prev != chAdded) {
+        ADocument->SetChangeState(chChanged);
+        if (OnChangeDocumentState) OnChangeDocumentState(this, ADocument, prev);
+    }
+    EndUpdate();
+}
+
+void TBaseDocAdmin::ReplaceFile(std::int64_t ADocumentID, const std::string& LocalSourceFile,
+                                bool ChangeFileName, TRessourceArchiveMode AArchiveMode) {
+    if (!UpdateDocumentWithID(this, ADocumentID, LocalSourceFile, FDocFileLoader,
+                              AArchiveMode != ramNoArchive, ChangeFileName))
+        throw EDocAdminFileNotFoundInRepository("File with ID '" + std::to_string(ADocumentID) +
+                                                "' not found in repository!");
+}
+
+void TBaseDocAdmin::DownloadFile(TDocument* ADocument, const std::string& LocalDestFile,
+                                 bool ALoadNonBlocking, IRessourceActionCallBack* ACallBack) {
+    IRessource* res = static_cast<IRessource*>(ADocument);
+    if (ADocument->DocID() < 1) {
+        // Not stored yet: the file is still where its name points.
+        std::error_code ec;
+        fs::copy_file(ADocument->DocName(), LocalDestFile, fs::copy_options::overwrite_existing,
+                      ec);
+        if (ec) {
+            const std::string msg = "Faild to copy file '" + ADocument->DocName() + "' to file '" +
+                                    LocalDestFile + "'!";
+            if (!ALoadNonBlocking) throw EDocAdminException(msg);
+            if (ACallBack) ACallBack->Do_ActionFailed(res, raSaveCopy, LocalDestFile, msg);
+        } else if (ALoadNonBlocking && ACallBack) {
+            ACallBack->Do_ActionDone(res, raSaveCopy, LocalDestFile);
+        }
+        return;
+    }
+    if (ALoadNonBlocking) {
+        Assert(FDocFileLoader != nullptr, "TBaseDocAdmin.DownloadFile: no file store");
+        ADocument->SetNonBlockingActionCallBack(ACallBack);
+        FDocFileLoader->DownloadFileNonBlocked(ADocument->RemoteFileName(), LocalDestFile,
+                                               static_cast<IDocAdminDownloderCallBack*>(ADocument));
+        return;
+    }
+    DownloadRemoteFile(ADocument->RemoteFileName(), LocalDestFile, ADocument->CreaDate());
+}
+
+void TBaseDocAdmin::DownloadFile(std::int32_t ADocumentID, const std::string& LocalDestFile,
+                                 std::string& FileName) {
+    FileName.clear();
+    TDateTime date = MinDateTime;
+    const std::string remote = GetDocumentFileInfo(ADocumentID, FileName, date, false);
+    if (remote.empty()) {
+        FileName.clear();
+        throw EDocAdminFileNotFoundInRepository("File with ID '" + std::to_string(ADocumentID) +
+                                                "' not found in repository!");
+    }
+    DownloadRemoteFile(remote, LocalDestFile, date);
+}
+
+void TBaseDocAdmin::DownloadRemoteFile(const std::string& RemoteFile,
+                                       const std::string& LocalDestFile, TDateTime AFileCreaDate) {
+    Assert(FDocFileLoader != nullptr, "TBaseDocAdmin.DownloadRemoteFile: no file store");
+    if (OnDownloadDocument) OnDownloadDocument(this, LocalDestFile);
+    FDocFileLoader->DownloadFile(RemoteFile, LocalDestFile);
+    if (AFileCreaDate > MinDateTime)
+        SetFileDateTime(LocalDestFile, AFileCreaDate, AFileCreaDate, AFileCreaDate);
+    if (OnDownloadDocumentDone) OnDownloadDocumentDone(this);
+}
+
+void TBaseDocAdmin::DeleteDocument(TDocument* ADocument) {
+    CheckStoragItemACLWriteable(ADocument);
+    BeginUpdate();
+    const TChangeState prev = ADocument->ChangeState();
+    ADocument->SetChangeState(chDeleted);
+    if (OnChangeDocumentState) OnChangeDocumentState(this, ADocument, prev);
+    EndUpdate();
+}
+
+void TBaseDocAdmin::DeleteDocument(std::int32_t ADocumentID) {
+    std::string name;
+    TDateTime date = MinDateTime;
+    const std::string remote = GetDocumentFileInfo(ADocumentID, name, date, false);
+    if (remote.empty())
+        throw EDocAdminFileNotFoundInRepository("File with ID '" + std::to_string(ADocumentID) +
+                                                "' not found in repository!");
+    Assert(FDocFileLoader != nullptr, "TBaseDocAdmin.DeleteDocument: no file store");
+    try {
+        FDocFileLoader->RemoveFile(remote, name);
+    } catch (const std::exception& e) {
+        // A store names the file when it is already gone; that is no failure of the delete.
+        if (std::string(e.what()).find(remote) == std::string::npos) throw;
+    }
+    DeleteDocumentRow(ADocumentID);
+    TDocument* doc = nullptr;
+    if (FDirectories->ExtractDocument(ADocumentID, doc, true) && doc) {
+        TFinally drop{[doc] { DropItem(doc); }};
+        if (OnDeleteDocument) OnDeleteDocument(this, doc);
+    }
+}
+
+void TBaseDocAdmin::DeleteDirectory(TDocDirectory* ADirectory) {
+    CheckStoragItemACLWriteable(ADirectory);
+    BeginUpdate();
+    for (std::int32_t i = ADirectory->DocumentCount() - 1; i >= 0; --i)
+        DeleteDocument(ADirectory->GetDocuments(i));
+    for (std::int32_t i = ADirectory->ChildDirectoryCount() - 1; i >= 0; --i)
+        DeleteDirectory(ADirectory->GetChildDirectorys(i));
+    ADirectory->SetChangeState(chDeleted);
+    if (OnChangeDirectoryState) OnChangeDirectoryState(this, ADirectory);
+    EndUpdate();
+}
+
+TDocDirectory* TBaseDocAdmin::AddDirectory(TDocDirectory* ParentDir, const std::string& DirName) {
+    BeginUpdate();
+    TDocDirectory* d = NewDirectoryIn(ParentDir ? ParentDir : FDirectories, DirName);
+    // Nothing to load for a directory that doesn't exist anywhere else yet.
+    d->SetLoadingState(lsDocumentsLoaded);
+    d->SetLoadingState(lsChildDirectoriesLoaded);
+    EndUpdate();
+    return d;
+}
+
+void TBaseDocAdmin::SetSubStatesForDir(TDocDirectory* ADirectory, TChangeState AState) {
+    ADirectory->SetChangeState(AState);
+    if (OnChangeDirectoryState) OnChangeDirectoryState(this, ADirectory);
+    const std::int32_t docs = ADirectory->DocumentCount();
+    for (std::int32_t i = 0; i < docs; ++i) {
+        TDocument* doc = ADirectory->GetDocuments(i);
+        const TChangeState prev = doc->ChangeState();
+        doc->SetChangeState(AState);
+        if (OnChangeDocumentState) OnChangeDocumentState(this, doc, prev);
+    }
+    const std::int32_t dirs = ADirectory->ChildDirectoryCount();
+    for (std::int32_t i = 0; i < dirs; ++i)
+        SetSubStatesForDir(ADirectory->GetChildDirectorys(i), AState);
+}
+
+bool TBaseDocAdmin::GetIsInTree(TDocDirectory* ADir, TDocDirectory* BaseDirectory) {
+    if (!BaseDirectory) return true;
+    for (TDocDirectory* d = ADir; d; d = d->ParentDir())
+        if (d == BaseDirectory) return true;
+    return false;
+}
+
+void TBaseDocAdmin::Clear() {
+    FDirectories->Clear();
+    FHasACLOnDirectories = false;
+    FHasACLOnDocuments = false;
+    EndUpdateStep();
+}
+
+bool TBaseDocAdmin::HasChanges() {
+    return HasChangesBelow(FDirectories);
+}
+
+// ---- Folders
+
+TDocDirectory* TBaseDocAdmin::CreateFolderStruct(TDocDirectory* BaseDir,
+                                                 const std::string& DirPath) {
+    TDocDirectory* current = BaseDir ? BaseDir : FDirectories;
+    BeginUpdate();
+    for (const std::string& title : SplitStrictCommaText(DirPath)) {
+        TDocDirectory* next = nullptr;
+        const std::int32_t n = current->ChildDirectoryCount();
+        for (std::int32_t i = 0; i < n && !next; ++i)
+            if (current->GetChildDirectorys(i)->Titel() == title)
+                next = current->GetChildDirectorys(i);
+        current = next ? next : NewDirectoryIn(current, title);
+    }
+    EndUpdate();
+    return current;
+}
+
+void TBaseDocAdmin::ImportDirectory(const std::string& DirName, TDocDirectory* ParentDir) {
+    BeginUpdate();
+    TDocDirectory* parent = ParentDir ? ParentDir : FDirectories;
+    std::error_code ec;
+    if (fs::is_directory(DirName, ec)) {
+        if (OnDownloadDocument) OnDownloadDocument(this, DirName);
+        const std::string title = ExtractDirName(DirName);
+        TDocDirectory* dir = nullptr;
+        const std::int32_t n = parent->ChildDirectoryCount();
+        for (std::int32_t i = 0; i < n && !dir; ++i)
+            if (parent->GetChildDirectorys(i)->Titel() == title)
+                dir = parent->GetChildDirectorys(i);
+        if (!dir) {
+            dir = NewDirectoryIn(parent, title);
+            dir->SetLoadingState(lsDocumentsLoaded);
+            dir->SetLoadingState(lsChildDirectoriesLoaded);
+        }
+        const std::string base = IncludeTrailingDirSeparator(DirName);
+        TStringList names;
+        GetFileList(base + "*", names);
+        for (const std::string& name : names.Items()) {
+            if (name == "." || name == "..") continue;
+            const std::string path = base + name;
+            if (fs::is_regular_file(path, ec))
+                SaveDoc(nullptr, chAdded, path, dir, std::string(), 0);
+            else
+                ImportDirectory(path, dir);
+        }
+        if (OnDownloadDocumentDone) OnDownloadDocumentDone(this);
+    }
+    EndUpdate();
+}
+
+void TBaseDocAdmin::ExportDirectory(const std::string& DirName, TDocDirectory* ASourceDir,
+                                    bool AContinueOnMissingFiles, const std::string& AFilePattern,
+                                    const std::string& ADirPattern) {
+    std::string target;
+    if (ASourceDir && !ASourceDir->Titel().empty()) {
+        if (!ADirPattern.empty() && !StrLike(ASourceDir->Titel(), ADirPattern)) return;
+        target = IncludeTrailingDirSeparator(DirName) +
+                 ConvertToFileName(ASourceDir->Titel(), false, 260);
+    } else {
+        target = DirName;
+        if (!ASourceDir) ASourceDir = FDirectories;
+    }
+    // The folder is made with its first file, so that empty directories leave none.
+    target = IncludeTrailingDirSeparator(target);
+    bool folderMade = false;
+    const std::int32_t docs = ASourceDir->DocumentCount();
+    for (std::int32_t i = 0; i < docs; ++i) {
+        TDocument* doc = ASourceDir->GetDocuments(i);
+        if (!AFilePattern.empty() && !StrLike(doc->DocName(), AFilePattern)) continue;
+        std::string file = target + ConvertToFileName(doc->DocName(), false, 260);
+        const std::string ext = ExtractFileExt(file);
+        const std::string stem = file.substr(0, file.size() - ext.size());
+        std::error_code ec;
+        for (int n = 2; fs::exists(file, ec); ++n)
+            file = stem + "_" + std::to_string(n) + ext;
+        if (!folderMade) {
+            ForceDirectories(target);
+            folderMade = true;
+        }
+        try {
+            DownloadFile(doc, file, false, nullptr);
+        } catch (const EFileNotFoundInRepositoryException&) {
+            if (!AContinueOnMissingFiles) throw;
+        }
+    }
+    const std::int32_t dirs = ASourceDir->ChildDirectoryCount();
+    for (std::int32_t i = 0; i < dirs; ++i)
+        ExportDirectory(target, ASourceDir->GetChildDirectorys(i), AContinueOnMissingFiles,
+                        AFilePattern, ADirPattern);
+}
+
+}  // namespace docadmin

@@ -1,0 +1,448 @@
+#include "_Tools.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+namespace docadmin {
+
+namespace fs = std::filesystem;
+
+// ---- File versions
+
+TFileVersion TFileVersion::Increment() const {
+    TFileVersion r = *this;
+    std::uint16_t* parts[4] = {&r.Build, &r.Release, &r.Minor, &r.Major};
+    for (std::uint16_t* p : parts) {
+        if (*p != 0xFFFF) {
+            ++*p;
+            break;
+        }
+        *p = 0;
+    }
+    return r;
+}
+
+std::string FileVersionToStr(const TFileVersion& v) {
+    return std::to_string(v.Major) + "." + std::to_string(v.Minor) + "." +
+           std::to_string(v.Release) + "." + std::to_string(v.Build);
+}
+
+namespace {
+
+bool ParseFileVersion(const std::string& text, int partCount, TFileVersion& out) {
+    std::uint16_t parts[4] = {0, 0, 0, 0};
+    partCount = std::clamp(partCount, 1, 4);
+    const char* p = text.data();
+    const char* end = p + text.size();
+    if (p == end) return false;
+    for (int i = 0; i < partCount && p < end; ++i) {
+        unsigned value = 0;
+        auto [next, ec] = std::from_chars(p, end, value);
+        if (ec != std::errc() || next == p || value > 0xFFFF) return false;
+        parts[i] = static_cast<std::uint16_t>(value);
+        p = next;
+        if (p < end) {
+            if (*p != '.') return false;
+            ++p;
+        }
+    }
+    out = {parts[0], parts[1], parts[2], parts[3]};
+    return true;
+}
+
+}  // namespace
+
+TFileVersion StrToFileVersion(const std::string& AText, int APartCount) {
+    TFileVersion v = verNULL;
+    return ParseFileVersion(AText, APartCount, v) ? v : verNULL;
+}
+
+TFileVersion StrToFileVersion(const std::string& AText, const TFileVersion& ADefault) {
+    TFileVersion v;
+    return ParseFileVersion(AText, 4, v) ? v : ADefault;
+}
+
+int CompareFileVersion(const TFileVersion& A, const TFileVersion& B) {
+    const std::uint16_t a[4] = {A.Major, A.Minor, A.Release, A.Build};
+    const std::uint16_t b[4] = {B.Major, B.Minor, B.Release, B.Build};
+    for (int i = 0; i < 4; ++i)
+        if (a[i] != b[i]) return a[i] < b[i] ? -1 : 1;
+    return 0;
+}
+
+bool IsSameFileVersion(const TFileVersion& A, const TFileVersion& B) {
+    return A == B;
+}
+
+TFileVersion GetFileVersion(const std::string& /*AFileName*/) {
+    return verNULL;
+}
+
+// ---- Identifiers
+
+bool IsGuid(const std::string& s) {
+    if (s.size() != 38 || s.front() != '{' || s.back() != '}') return false;
+    for (size_t i = 1; i < 37; ++i) {
+        if (i == 9 || i == 14 || i == 19 || i == 24) {
+            if (s[i] != '-') return false;
+        } else if (!std::isxdigit(static_cast<unsigned char>(s[i]))) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// ---- Paths and files
+
+std::string IncludeTrailingDirSeparator(const std::string& APath, char ASeparator) {
+    if (APath.empty() || APath.back() == ASeparator) return APath;
+    return APath + ASeparator;
+}
+
+std::string ExtractDirName(const std::string& APath) {
+    std::string p = APath;
+    while (p.size() > 1 && p.back() == '/')
+        p.pop_back();
+    const size_t slash = p.rfind('/');
+    return slash == std::string::npos ? p : p.substr(slash + 1);
+}
+
+std::string ExtractFileName(const std::string& APath) {
+    const size_t slash = APath.rfind('/');
+    return slash == std::string::npos ? APath : APath.substr(slash + 1);
+}
+
+std::string ExtractFileExt(const std::string& APath) {
+    const size_t dot = APath.rfind('.');
+    const size_t slash = APath.rfind('/');
+    if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return {};
+    return APath.substr(dot);
+}
+
+std::string ChangeFileExt(const std::string& APath, const std::string& AExt) {
+    const std::string ext = ExtractFileExt(APath);
+    return APath.substr(0, APath.size() - ext.size()) + AExt;
+}
+
+namespace {
+
+// Cuts a UTF-8 text to at most n bytes without splitting a sequence.
+std::string CutUtf8(const std::string& s, size_t n) {
+    if (s.size() <= n) return s;
+    while (n > 0 && (static_cast<unsigned char>(s[n]) & 0xC0) == 0x80)
+        --n;
+    return s.substr(0, n);
+}
+
+}  // namespace
+
+std::string ConvertToFileName(const std::string& AText, bool AAllowPathDelim, int AMaxLength) {
+    std::string r = AText;
+    for (char& c : r) {
+        const auto u = static_cast<unsigned char>(c);
+        if (u < 32 || c == '\\' || c == ':' || c == '*' || c == '?' || c == '"' || c == '<' ||
+            c == '>' || c == '|' || (c == '/' && !AAllowPathDelim))
+            c = '_';
+    }
+    if (AMaxLength > 0 && r.size() > static_cast<size_t>(AMaxLength)) {
+        std::string ext = ExtractFileExt(r);
+        if (ext.size() >= static_cast<size_t>(AMaxLength)) ext.clear();
+        const std::string stem = r.substr(0, r.size() - ExtractFileExt(r).size());
+        r = CutUtf8(stem, static_cast<size_t>(AMaxLength) - ext.size()) + ext;
+    }
+    return r;
+}
+
+int GetFileList(const std::string& AMask, TStringList& AList, int AAttr, bool AFullPath) {
+    const size_t slash = AMask.rfind('/');
+    const std::string dir = slash == std::string::npos ? "." : AMask.substr(0, slash + 1);
+    const std::string pattern = slash == std::string::npos ? AMask : AMask.substr(slash + 1);
+    std::error_code ec;
+    if (!fs::is_directory(dir, ec)) return 0;
+    std::vector<std::string> names;
+    if (AAttr != 1 && StrLike(".", pattern)) {
+        names.emplace_back(".");
+        names.emplace_back("..");
+    }
+    for (fs::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
+        const std::string name = it->path().filename().string();
+        const bool isDir = it->is_directory(ec);
+        if ((AAttr == 1 && isDir) || (AAttr == 2 && !isDir)) continue;
+        if (StrLike(name, pattern)) names.push_back(name);
+    }
+    std::sort(names.begin(), names.end());
+    const std::string prefix = IncludeTrailingDirSeparator(dir);
+    for (const std::string& n : names)
+        AList.Add(AFullPath ? prefix + n : n);
+    return static_cast<int>(names.size());
+}
+
+std::int64_t GetFileSize(const std::string& AFileName) {
+    std::error_code ec;
+    const auto size = fs::file_size(AFileName, ec);
+    return ec ? -1 : static_cast<std::int64_t>(size);
+}
+
+TDateTime GetFileDate(const std::string& AFileName) {
+    std::error_code ec;
+    const auto t = fs::last_write_time(AFileName, ec);
+    return ec ? 0.0 : FileTimeToDateTime(t);
+}
+
+bool SetFileDateTime(const std::string& AFileName, TDateTime /*ACreation*/, TDateTime AAccess,
+                     TDateTime AModification) {
+    // The creation time of a Linux file can't be set; access and modification times can.
+    const double access = DateTimeToUnix(AAccess);
+    const double modification = DateTimeToUnix(AModification);
+    auto toTimespec = [](double seconds) {
+        timespec ts{};
+        double whole = 0;
+        const double frac = std::modf(seconds, &whole);
+        ts.tv_sec = static_cast<time_t>(whole);
+        ts.tv_nsec = static_cast<long>(frac * 1e9);
+        if (ts.tv_nsec < 0) {
+            ts.tv_nsec += 1000000000L;
+            --ts.tv_sec;
+        }
+        return ts;
+    };
+    const timespec times[2] = {toTimespec(access), toTimespec(modification)};
+    return ::utimensat(AT_FDCWD, AFileName.c_str(), times, 0) == 0;
+}
+
+bool ForceDirectories(const std::string& APath) {
+    if (APath.empty()) return false;
+    std::error_code ec;
+    fs::create_directories(APath, ec);
+    return fs::is_directory(APath, ec);
+}
+
+std::string GetTempPath() {
+    std::error_code ec;
+    std::string p = fs::temp_directory_path(ec).string();
+    if (ec || p.empty()) p = "/tmp";
+    return IncludeTrailingDirSeparator(p);
+}
+
+std::string GetTempFileName() {
+    std::string g = CreateGUIDString();
+    std::string hex;
+    for (char c : g)
+        if (c != '{' && c != '}' && c != '-') hex += c;
+    return "tmp" + hex + ".tmp";
+}
+
+std::string GetNewTempFileName(const std::string& APath, const std::string& AName, bool ACreate) {
+    const std::string dir = IncludeTrailingDirSeparator(APath.empty() ? GetTempPath() : APath);
+    const std::string name = AName.empty() ? GetTempFileName() : AName;
+    const std::string ext = ExtractFileExt(name);
+    const std::string stem = name.substr(0, name.size() - ext.size());
+    std::string candidate = dir + name;
+    std::error_code ec;
+    for (int n = 2; fs::exists(candidate, ec); ++n)
+        candidate = dir + stem + "_" + std::to_string(n) + ext;
+    if (ACreate) std::ofstream(candidate, std::ios::binary);
+    return candidate;
+}
+
+std::string GetUserDocumentsDataDirectory() {
+    if (const char* x = std::getenv("XDG_DATA_HOME"); x && *x)
+        return IncludeTrailingDirSeparator(x);
+    const char* home = std::getenv("HOME");
+    return IncludeTrailingDirSeparator(std::string(home && *home ? home : "/tmp") +
+                                       "/.local/share");
+}
+
+bool FileMoveToRecycle(const std::string& AFileName) {
+    std::error_code ec;
+    if (!fs::exists(AFileName, ec)) return false;
+    const std::string trash = GetUserDocumentsDataDirectory() + "Trash/files";
+    if (fs::is_directory(trash, ec)) {
+        const std::string target = GetNewTempFileName(trash, ExtractFileName(AFileName), false);
+        fs::rename(AFileName, target, ec);
+        if (!ec) return true;
+    }
+    return fs::remove(AFileName, ec);
+}
+
+void SaveStrToFile(const std::string& AFileName, const std::string& ABytes, bool AAppend) {
+    std::ofstream out(AFileName, std::ios::binary | (AAppend ? std::ios::app : std::ios::trunc));
+    if (!out) throw EFCreateError("Cannot create file \"" + AFileName + "\".");
+    out.write(ABytes.data(), static_cast<std::streamsize>(ABytes.size()));
+    if (!out) throw EWriteError("Stream write error");
+}
+
+// ---- Text
+
+namespace {
+
+constexpr char kBase64[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+std::string Base64Encode(const std::uint8_t* data, size_t n) {
+    std::string r;
+    r.reserve((n + 2) / 3 * 4);
+    size_t i = 0;
+    for (; i + 2 < n; i += 3) {
+        const std::uint32_t v = (data[i] << 16) | (data[i + 1] << 8) | data[i + 2];
+        r += kBase64[(v >> 18) & 63];
+        r += kBase64[(v >> 12) & 63];
+        r += kBase64[(v >> 6) & 63];
+        r += kBase64[v & 63];
+    }
+    if (i < n) {
+        std::uint32_t v = data[i] << 16;
+        if (i + 1 < n) v |= data[i + 1] << 8;
+        r += kBase64[(v >> 18) & 63];
+        r += kBase64[(v >> 12) & 63];
+        r += i + 1 < n ? kBase64[(v >> 6) & 63] : '=';
+        r += '=';
+    }
+    return r;
+}
+
+}  // namespace
+
+std::string MIMEEncodeRawByteStr(TStream& AStream, std::int64_t ACount) {
+    const std::int64_t rest = std::max<std::int64_t>(0, AStream.Size() - AStream.Position());
+    const std::int64_t n = ACount < 0 ? rest : std::min(ACount, rest);
+    if (n <= 0) return {};
+    std::vector<std::uint8_t> buf(static_cast<size_t>(n));
+    AStream.ReadBuffer(buf.data(), n);
+    return Base64Encode(buf.data(), buf.size());
+}
+
+std::string MIMEDecodeRawByteStr(const std::string& AText) {
+    std::string r;
+    std::uint32_t acc = 0;
+    int bits = 0;
+    for (char c : AText) {
+        const char* p = c ? std::strchr(kBase64, c) : nullptr;
+        if (!p) continue;  // padding, line breaks and other noise
+        acc = (acc << 6) | static_cast<std::uint32_t>(p - kBase64);
+        bits += 6;
+        if (bits >= 8) {
+            bits -= 8;
+            r += static_cast<char>((acc >> bits) & 0xFF);
+        }
+    }
+    return r;
+}
+
+std::string HexToBin(const std::string& AText) {
+    if (AText.size() % 2) throw EConvertError("'" + AText + "' is not a valid hexadecimal text");
+    std::string r;
+    r.reserve(AText.size() / 2);
+    auto nibble = [&](char c) -> int {
+        if (c >= '0' && c <= '9') return c - '0';
+        if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+        if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+        throw EConvertError("'" + AText + "' is not a valid hexadecimal text");
+    };
+    for (size_t i = 0; i < AText.size(); i += 2)
+        r += static_cast<char>(nibble(AText[i]) * 16 + nibble(AText[i + 1]));
+    return r;
+}
+
+std::string FastReplace(const std::string& AText, const std::string& AOld, const std::string& ANew,
+                        bool AIgnoreCase) {
+    if (AOld.empty()) return AText;
+    auto lower = [](std::string s) {
+        for (char& c : s)
+            c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        return s;
+    };
+    const std::string hay = AIgnoreCase ? lower(AText) : AText;
+    const std::string needle = AIgnoreCase ? lower(AOld) : AOld;
+    std::string r;
+    size_t pos = 0;
+    for (size_t hit; (hit = hay.find(needle, pos)) != std::string::npos; pos = hit + needle.size())
+        r.append(AText, pos, hit - pos).append(ANew);
+    r.append(AText, pos, std::string::npos);
+    return r;
+}
+
+bool StrLike(const std::string& AText, const std::string& AMask) {
+    auto eq = [](char a, char b) {
+        return std::tolower(static_cast<unsigned char>(a)) ==
+               std::tolower(static_cast<unsigned char>(b));
+    };
+    // Greedy match with backtracking to the last '*'.
+    size_t t = 0, m = 0, starM = std::string::npos, starT = 0;
+    while (t < AText.size()) {
+        if (m < AMask.size() && (AMask[m] == '?' || (AMask[m] != '*' && eq(AMask[m], AText[t])))) {
+            ++t;
+            ++m;
+        } else if (m < AMask.size() && AMask[m] == '*') {
+            starM = m++;
+            starT = t;
+        } else if (starM != std::string::npos) {
+            m = starM + 1;
+            t = ++starT;
+        } else {
+            return false;
+        }
+    }
+    while (m < AMask.size() && AMask[m] == '*')
+        ++m;
+    return m == AMask.size();
+}
+
+// ---- Integer lists
+
+int TSortedIntegerList::Add(std::int64_t AValue) {
+    auto it = std::lower_bound(FItems.begin(), FItems.end(), AValue);
+    if (it == FItems.end() || *it != AValue) it = FItems.insert(it, AValue);
+    return static_cast<int>(it - FItems.begin());
+}
+
+int TSortedIntegerList::IndexOf(std::int64_t AValue) const {
+    auto it = std::lower_bound(FItems.begin(), FItems.end(), AValue);
+    return it != FItems.end() && *it == AValue ? static_cast<int>(it - FItems.begin()) : -1;
+}
+
+std::string TSortedIntegerList::GetAsCommaText() const {
+    std::string r;
+    for (size_t i = 0; i < FItems.size(); ++i) {
+        if (i) r += ',';
+        r += std::to_string(FItems[i]);
+    }
+    return r;
+}
+
+// ---- Temporary files
+
+namespace {
+
+std::string TempName(const std::string& name) {
+    return name.empty() ? GetTempPath() + GetTempFileName() : name;
+}
+
+}  // namespace
+
+TTempFileStream::TTempFileStream(const std::string& AFileName, std::uint16_t AMode)
+    : TFileStream(TempName(AFileName), AMode) {}
+
+TTempFileStream::~TTempFileStream() {
+    CloseFileHandle();
+    std::error_code ec;
+    fs::remove(FileName(), ec);
+}
+
+void TTempFileStream::CloseFileHandle() {
+    if (FHandle >= 0) {
+        ::close(FHandle);
+        FHandle = -1;
+    }
+}
+
+}  // namespace docadmin

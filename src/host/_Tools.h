@@ -1,0 +1,196 @@
+// Small tools of the host: file versions, file and path helpers, text helpers, sorted integer
+// lists, a lock and a self-deleting temporary file stream.
+//
+// Nothing here keeps shared state; all functions are safe to call from any thread. The classes
+// are not internally synchronised (except TCriticalSection, which is the lock).
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "_Classes.h"
+
+namespace docadmin {
+
+// ---- File versions
+
+// A four-part version "Major.Minor.Release.Build".
+struct TFileVersion {
+    std::uint16_t Major = 0;
+    std::uint16_t Minor = 0;
+    std::uint16_t Release = 0;
+    std::uint16_t Build = 0;
+
+    // The next version: the build number goes up by one, carrying into the parts before it.
+    TFileVersion Increment() const;
+
+    friend constexpr bool operator==(const TFileVersion&, const TFileVersion&) = default;
+};
+
+// No version at all.
+inline constexpr TFileVersion verNULL{0, 0, 0, 0};
+// The version of a new document.
+inline constexpr TFileVersion verFIRST{1, 0, 0, 0};
+
+// "1.0.0.0"; the form stored in the tables.
+std::string FileVersionToStr(const TFileVersion& AVersion);
+// Reads up to APartCount dot-separated numbers; missing parts are 0. Text that isn't a version
+// (a part that is no number or doesn't fit 16 bits) gives verNULL.
+TFileVersion StrToFileVersion(const std::string& AText, int APartCount = 4);
+// The same with a caller's default for text that isn't a version.
+TFileVersion StrToFileVersion(const std::string& AText, const TFileVersion& ADefault);
+// -1, 0 or 1 as A is lower, equal or higher, part by part.
+int CompareFileVersion(const TFileVersion& A, const TFileVersion& B);
+bool IsSameFileVersion(const TFileVersion& A, const TFileVersion& B);
+// The version resource of a file. Files on this platform carry none: always verNULL.
+TFileVersion GetFileVersion(const std::string& AFileName);
+
+// ---- Identifiers
+
+// The all-zero GUID in braces.
+inline const std::string EmptyUID = "{00000000-0000-0000-0000-000000000000}";
+// True when the text has the braced GUID form "{8-4-4-4-12}" of hexadecimal digits.
+bool IsGuid(const std::string& AText);
+
+// ---- Paths and files
+
+// Appends the separator when the path doesn't end with it already (an empty path stays empty).
+std::string IncludeTrailingDirSeparator(const std::string& APath, char ASeparator = '/');
+// The last directory of a path: "/a/b/c/" and "/a/b/c" both give "c".
+std::string ExtractDirName(const std::string& APath);
+// The file-name part of a path ("/a/b.txt" gives "b.txt").
+std::string ExtractFileName(const std::string& APath);
+// The extension with its dot ("a/b.tar.gz" gives ".gz"; none gives "").
+std::string ExtractFileExt(const std::string& APath);
+// The path without its extension.
+std::string ChangeFileExt(const std::string& APath, const std::string& AExt);
+// Replaces the characters not allowed in a file name (control characters and \ / : * ? " < > |)
+// by '_'. With AAllowPathDelim a '/' is kept. A text longer than AMaxLength bytes is shortened
+// before its extension, never inside a UTF-8 sequence; AMaxLength <= 0 means no limit.
+std::string ConvertToFileName(const std::string& AText, bool AAllowPathDelim, int AMaxLength);
+
+// Names in the folder of AMask that match its last part (wildcards * and ?), sorted; "." and
+// ".." are included as the host's directory listing has them. AAttr: 0 all entries, 1 files
+// only, 2 folders only. Answers the number added to AList.
+int GetFileList(const std::string& AMask, TStringList& AList, int AAttr = 0,
+                bool AFullPath = false);
+
+// Size in bytes; -1 when the file doesn't exist.
+std::int64_t GetFileSize(const std::string& AFileName);
+// Modification date; 0 when the file doesn't exist.
+TDateTime GetFileDate(const std::string& AFileName);
+// Sets creation (where the file system keeps one), access and modification dates.
+bool SetFileDateTime(const std::string& AFileName, TDateTime ACreation, TDateTime AAccess,
+                     TDateTime AModification);
+// Creates a folder with all missing parents; true when it exists afterwards.
+bool ForceDirectories(const std::string& APath);
+// The folder for temporary files, with a trailing separator.
+std::string GetTempPath();
+// A fresh file name without a folder ("tmp" + 32 hex digits + ".tmp").
+std::string GetTempFileName();
+// A name in APath that is not taken: AName itself, or AName with "_2", "_3", ... before its
+// extension. With ACreate an empty file of that name is made to reserve it.
+std::string GetNewTempFileName(const std::string& APath, const std::string& AName, bool ACreate);
+// The per-user data folder ($XDG_DATA_HOME or ~/.local/share), with a trailing separator.
+std::string GetUserDocumentsDataDirectory();
+// Removes a file: moved into the user's trash folder where one exists, deleted otherwise.
+bool FileMoveToRecycle(const std::string& AFileName);
+// Writes bytes to a file; with AAppend they go to its end, otherwise the file is replaced.
+void SaveStrToFile(const std::string& AFileName, const std::string& ABytes, bool AAppend);
+
+// ---- Text
+
+// Base64 of up to ACount bytes read from the stream's position (all the rest when negative);
+// the position moves past them.
+std::string MIMEEncodeRawByteStr(TStream& AStream, std::int64_t ACount);
+// Base64 to bytes; characters outside the alphabet are skipped, so line breaks are fine.
+std::string MIMEDecodeRawByteStr(const std::string& AText);
+// Hexadecimal text to bytes; raises EConvertError on an odd length or a non-hex character.
+std::string HexToBin(const std::string& AText);
+// Replaces all occurrences of AOld; with AIgnoreCase the search ignores ASCII case.
+std::string FastReplace(const std::string& AText, const std::string& AOld, const std::string& ANew,
+                        bool AIgnoreCase = false);
+// Mask match, ignoring ASCII case: '*' any run of characters, '?' one character.
+bool StrLike(const std::string& AText, const std::string& AMask);
+
+// ---- Integer lists
+
+// Integers kept in ascending order without duplicates.
+class TSortedIntegerList : public TObject {
+  public:
+    // Inserts the value in order; answers its index (the existing one for a duplicate).
+    int Add(std::int64_t AValue);
+    // Index of the value, or -1.
+    int IndexOf(std::int64_t AValue) const;
+    void Delete(int AIndex) { FItems.erase(FItems.begin() + AIndex); }
+    void Clear() { FItems.clear(); }
+    int Count() const { return static_cast<int>(FItems.size()); }
+    std::int64_t operator[](int AIndex) const { return FItems.at(static_cast<size_t>(AIndex)); }
+    // "1,2,3"; empty for an empty list.
+    std::string GetAsCommaText() const;
+
+  private:
+    std::vector<std::int64_t> FItems;
+};
+
+class IIntegerListData : public IInterface {
+  public:
+    DOCADMIN_IID("{6C1B0A4D-5E2F-4B7A-9D3C-2A8E4F1B7C90}");
+    virtual TSortedIntegerList* Get_List() = 0;
+};
+
+// An integer list behind an interface; with AOwnsList the list is freed with the wrapper.
+class TIntegerListData : public TInterfacedObject, public IIntegerListData {
+  public:
+    explicit TIntegerListData(TSortedIntegerList* AList, bool AOwnsList = true)
+        : FList(AList), FOwnsList(AOwnsList) {}
+    ~TIntegerListData() override {
+        if (FOwnsList) delete FList;
+    }
+    HRESULT QueryInterface(const TGUID& iid, void** obj) override {
+        if (iid == IIntegerListData::IID) {
+            *obj = static_cast<IIntegerListData*>(this);
+            _AddRef();
+            return S_OK;
+        }
+        return TInterfacedObject::QueryInterface(iid, obj);
+    }
+    std::int32_t _AddRef() override { return TInterfacedObject::_AddRef(); }
+    std::int32_t _Release() override { return TInterfacedObject::_Release(); }
+    TSortedIntegerList* Get_List() override { return FList; }
+
+  private:
+    TSortedIntegerList* FList;
+    bool FOwnsList;
+};
+
+// ---- Locks and temporary files
+
+// A mutual-exclusion lock; the same thread may enter it again.
+class TCriticalSection : public TObject {
+  public:
+    void Enter() { FMutex.lock(); }
+    void Leave() { FMutex.unlock(); }
+    bool TryEnter() { return FMutex.try_lock(); }
+    // For std::lock_guard.
+    void lock() { Enter(); }
+    void unlock() { Leave(); }
+
+  private:
+    std::recursive_mutex FMutex;
+};
+
+// A stream on a temporary file that is deleted when the stream is freed. With an empty name a
+// fresh name in the temporary folder is taken.
+class TTempFileStream : public TFileStream {
+  public:
+    explicit TTempFileStream(const std::string& AFileName = std::string(),
+                             std::uint16_t AMode = fmCreate);
+    ~TTempFileStream() override;
+    // Closes the file early (so that others may open it); it is still deleted when freed.
+    void CloseFileHandle();
+};
+
+}  // namespace docadmin
