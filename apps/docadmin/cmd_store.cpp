@@ -1,0 +1,85 @@
+// docadmin store put|get|rm: one file in or out of the store that the configuration selects, so
+// that an operator can check a store by hand.
+#include <iostream>
+#include <memory>
+
+#include "_TDocFileLoaderLocFile.h"
+#include "commands.h"
+#include "host_options.h"
+
+namespace docadmin::app {
+namespace {
+
+struct StoreOptions {
+    HostOptions host;
+    bool server = false;   // run as the multi-user server would: its store and settings
+    bool offline = false;  // the store of the offline database
+};
+
+// The store kind of the selected database, as the document module chooses it. Only the local
+// kinds are built here; a cloud kind is named in the error. "remote" needs a live server
+// connection, which a command has not, so it falls back to the local store as the module does.
+std::unique_ptr<TBaseDocFileLoader> OpenStore(THost& host, const StoreOptions& o) {
+    IVantrelDatabaseRepository* repo = host.GetDatabaseRepository();
+    const std::string kind =
+        o.offline ? std::string()
+                  : repo->ReadDatabaseSetting(repo->SelectedDatabaseIndex(), "DocumentsRepType");
+    std::unique_ptr<TBaseDocFileLoader> store;
+    if (kind == "azureblobstorage" || kind == "awssimplestorage")
+        throw Exception("the store kind \"" + kind + "\" is not available to this command");
+    if (o.server)
+        store = std::make_unique<TDocFileLoaderLocServer>(nullptr);
+    else
+        store = std::make_unique<TDocFileLoaderLocFile>(nullptr);
+    store->SetMainInterface(&host);
+    store->LoadSettings(o.offline);
+    return store;
+}
+
+void AddCommon(CLI::App* cmd, StoreOptions& o) {
+    AddHostOptions(cmd, o.host);
+    cmd->add_flag("--server", o.server, "use the server's store (DOCSRV FileRoot, compressed)");
+    cmd->add_flag("--offline", o.offline, "use the store of the offline database");
+}
+
+std::unique_ptr<THost> Host(const StoreOptions& o) {
+    return OpenHost(o.host, o.server ? rmServer : rmTool);
+}
+
+}  // namespace
+
+static CommandRegistrar reg([](CLI::App& app) {
+    auto* store = app.add_subcommand("store", "Put, get and remove files of the document store");
+    store->require_subcommand(1);
+    static StoreOptions opts;
+    static std::string file, remote, dest;
+
+    auto* put = store->add_subcommand("put", "Store a file; prints its remote name");
+    put->add_option("FILE", file, "local file to store")->required();
+    put->add_option("--remote", remote, "replace the content of this remote name");
+    AddCommon(put, opts);
+    put->callback([] {
+        auto host = Host(opts);
+        auto s = OpenStore(*host, opts);
+        std::cout << s->UploadFile(file, remote, remote.empty() ? upmNew : upmChange) << "\n";
+    });
+
+    auto* get = store->add_subcommand("get", "Write the plain content of a remote file");
+    get->add_option("REMOTE", remote, "remote name")->required();
+    get->add_option("DEST", dest, "local file to write")->required();
+    AddCommon(get, opts);
+    get->callback([] {
+        auto host = Host(opts);
+        OpenStore(*host, opts)->DownloadFile(remote, dest);
+    });
+
+    auto* rm = store->add_subcommand("rm", "Remove a remote file");
+    rm->add_option("REMOTE", remote, "remote name")->required();
+    AddCommon(rm, opts);
+    rm->callback([] {
+        auto host = Host(opts);
+        OpenStore(*host, opts)->RemoveFile(remote, remote);
+    });
+});
+
+}  // namespace docadmin::app
