@@ -1,6 +1,19 @@
 #include "_DBBackend.h"
 
+#include <atomic>
+
 namespace docadmin {
+
+namespace {
+std::atomic<std::uint64_t> StatementCount{0};
+}  // namespace
+
+std::uint64_t DBStatementCount() {
+    return StatementCount.load(std::memory_order_relaxed);
+}
+void CountDBStatement() {
+    StatementCount.fetch_add(1, std::memory_order_relaxed);
+}
 
 std::string TDBDialect::Placeholder(int ANumber) const {
     return (FKind == TDBBackendKind::bkSQLite ? "?" : "$") + std::to_string(ANumber);

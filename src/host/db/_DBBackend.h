@@ -27,8 +27,9 @@ struct TDBParam {
     std::vector<TVariant> Items;
 };
 
-// A result: column names, their kinds as the database reports them, and the rows.
+// A result: the rows, and the column names when WantColumnNames is set.
 struct TDBResult {
+    bool WantColumnNames = false;
     std::vector<std::string> Columns;
     std::vector<std::vector<TVariant>> Rows;
 };
@@ -46,6 +47,11 @@ class TDBConnection {
     // The columns of a table as the database has them (lower case); empty when it has none.
     virtual std::vector<std::string> TableColumns(const std::string& ASQLTableName) = 0;
 };
+
+// Statements sent to a database by any connection of this process (Execute and ExecDirect),
+// counted for diagnostics such as "how many queries does a listing cost".
+std::uint64_t DBStatementCount();
+void CountDBStatement();
 
 // Opens a connection. SQLite: AConnInfo is the file path. PostgreSQL: a libpq conninfo string.
 std::unique_ptr<TDBConnection> OpenSQLiteConnection(const std::string& APath);

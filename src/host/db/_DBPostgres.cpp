@@ -67,12 +67,14 @@ class TPGConnection : public TDBConnection {
     TDBBackendKind Kind() const override { return TDBBackendKind::bkPostgreSQL; }
 
     void ExecDirect(const std::string& ASQL) override {
+        CountDBStatement();
         TPGResult r{PQexec(FConn, ASQL.c_str())};
         Check(r.R, ASQL);
     }
 
     std::int64_t Execute(const std::string& ASQL, const std::vector<TDBParam>& AParams,
                          TDBResult* AResult) override {
+        CountDBStatement();
         const std::string& name = Prepare(ASQL, static_cast<int>(AParams.size()));
         std::vector<std::string> texts(AParams.size());
         std::vector<const char*> values(AParams.size(), nullptr);
@@ -100,7 +102,7 @@ class TPGConnection : public TDBConnection {
         const int cols = PQnfields(r.R);
         const int rows = PQntuples(r.R);
         if (AResult) {
-            if (AResult->Columns.empty())
+            if (AResult->WantColumnNames && AResult->Columns.empty())
                 for (int c = 0; c < cols; ++c)
                     AResult->Columns.emplace_back(PQfname(r.R, c));
             std::vector<Oid> types(static_cast<size_t>(cols));

@@ -82,6 +82,7 @@ class TSQLiteConnection : public TDBConnection {
     TDBBackendKind Kind() const override { return TDBBackendKind::bkSQLite; }
 
     void ExecDirect(const std::string& ASQL) override {
+        CountDBStatement();
         char* err = nullptr;
         if (sqlite3_exec(FDB, ASQL.c_str(), nullptr, nullptr, &err) != SQLITE_OK) {
             std::string msg = err ? err : sqlite3_errmsg(FDB);
@@ -92,6 +93,7 @@ class TSQLiteConnection : public TDBConnection {
 
     std::int64_t Execute(const std::string& ASQL, const std::vector<TDBParam>& AParams,
                          TDBResult* AResult) override {
+        CountDBStatement();
         sqlite3_stmt* stmt = Prepare(ASQL);
         struct Reset {
             sqlite3_stmt* s;
@@ -133,7 +135,7 @@ class TSQLiteConnection : public TDBConnection {
             if (rc != SQLITE_OK) throw EDBSQLError(sqlite3_errmsg(FDB));
         }
         const int cols = sqlite3_column_count(stmt);
-        if (AResult && AResult->Columns.empty())
+        if (AResult && AResult->WantColumnNames && AResult->Columns.empty())
             for (int c = 0; c < cols; ++c)
                 AResult->Columns.emplace_back(sqlite3_column_name(stmt, c));
         for (;;) {
