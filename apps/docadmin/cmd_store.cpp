@@ -14,6 +14,7 @@ struct StoreOptions {
     HostOptions host;
     bool server = false;   // run as the multi-user server would: its store and settings
     bool offline = false;  // the store of the offline database
+    bool plain = false;    // upload uncompressed, as the user setting "NoCompression" does
 };
 
 // The store kind of the selected database, as the document module chooses it. Only the local
@@ -57,10 +58,15 @@ static CommandRegistrar reg([](CLI::App& app) {
     auto* put = store->add_subcommand("put", "Store a file; prints its remote name");
     put->add_option("FILE", file, "local file to store")->required();
     put->add_option("--remote", remote, "replace the content of this remote name");
+    put->add_flag("--no-compression", opts.plain,
+                  "store the file as it is, whatever the user setting NoCompression says");
     AddCommon(put, opts);
     put->callback([] {
+        if (opts.plain && opts.server)
+            throw Exception("the server's store always compresses; --no-compression can't apply");
         auto host = Host(opts);
         auto s = OpenStore(*host, opts);
+        if (opts.plain) static_cast<TDocFileLoaderLocFile&>(*s).SetUseCompression(false);
         std::cout << s->UploadFile(file, remote, remote.empty() ? upmNew : upmChange) << "\n";
     });
 

@@ -84,6 +84,10 @@ void TBaseDocFileLoader::CompressProgress(TObject* /*Sender*/, double PercentDon
 
 // ---- the compress step
 
+bool TBaseDocFileLoader::IsGZFile(const std::string& FileName) {
+    return IsCompressedGZFile(FileName);
+}
+
 bool TBaseDocFileLoader::CompressFile(const std::string& Source, const std::string& Dest,
                                       TCompressMode AMode) {
     FCompressionFile = Source;
@@ -103,7 +107,7 @@ bool TBaseDocFileLoader::CompressFile(const std::string& Source, const std::stri
     stream.InnerStream()->Seek(0, TSeekOrigin::soBeginning);
     if (stream.InnerStream()->CompressionLevel() != eclNone)
         stream.SaveToFile(Dest);
-    else if (IsCompressedGZFile(Source))
+    else if (IsGZFile(Source))
         InflateLegacyFile(Source, Dest);  // no compress events on this path
     else
         stream.SaveToFile(Dest);  // plain: a byte-for-byte copy with the same events

@@ -95,6 +95,8 @@ class TBaseDocFileLoader : public TPluginBaseComponent {
     // of Source to Dest (cmUnCompress), whichever of the three generations Source is. Always
     // answers true; failures raise, and a partly written Dest stays on disk.
     bool CompressFile(const std::string& Source, const std::string& Dest, TCompressMode AMode);
+    // The legacy test of the host for a stored file.
+    static bool IsGZFile(const std::string& FileName);
     // Progress of the container stream: 0 is the start, 100 the end, anything else a step.
     void CompressProgress(TObject* Sender, double PercentDone);
 
