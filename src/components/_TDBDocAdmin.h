@@ -124,8 +124,8 @@ class TDBDocAdmin : public TBaseDocAdmin {
     void PrepareLoader(TBaseLoaderRecordSet& ASet, bool ADirectories);
     void QueryDirectories(TDocDirectory* ADirectory, const std::string& AUniqueFolderName);
     void SaveDirectoryTree(IDBSQLStatement& AStatement, IDBFieldSchemaItem* ADirItem,
-                           IDBFieldSchemaItem* ADocItem, TDocDirectory* ADirectory,
-                           bool AAddedPass, bool& ASaved);
+                           IDBFieldSchemaItem* ADocItem, TDocDirectory* ADirectory, bool AAddedPass,
+                           bool& ASaved);
     void SaveDirectoryDocuments(IDBSQLStatement& AStatement, IDBFieldSchemaItem* ADocItem,
                                 TDocDirectory* ADirectory, bool& ASaved);
     // The file step of one document; false when the person chose Ignore.

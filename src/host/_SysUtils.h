@@ -51,6 +51,10 @@ DOCADMIN_DECLARE_EXCEPTION(EDocAdminException, Exception);
 DOCADMIN_DECLARE_EXCEPTION(EDocAdminFileNotFoundInRepository, EDocAdminException);
 DOCADMIN_DECLARE_EXCEPTION(EDocAdminNoWriteAccessError, EDocAdminException);
 
+// A peer closed a transfer connection in an orderly way. A save counts a transfer that ends with
+// it as done.
+DOCADMIN_DECLARE_EXCEPTION(EIdConnClosedGracefully, Exception);
+
 // A REST failure with its HTTP status.
 class EVTLRestServiceError : public Exception {
   public:
