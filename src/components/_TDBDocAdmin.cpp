@@ -146,11 +146,10 @@ void TDBDocAdmin::PrepareLoader(TBaseLoaderRecordSet& ASet, bool ADirectories) {
     ASet.SetDBATransactionID(FDBATransactionID);
     ASet.SetUpdateMode(umWriteBack);
     ASet.SetOptions({rsoUserRowRights});
-    const std::initializer_list<const char*> noLookup =
-        ADirectories ? std::initializer_list<const char*>{"parentdirid", "creaid", "lastchangedid",
-                                                          "globalaclgrp"}
-                     : std::initializer_list<const char*>{"dirid", "creaid", "lastchangedid"};
-    for (const char* field : noLookup)
+    static const std::vector<const char*> kDirIDs = {"parentdirid", "creaid", "lastchangedid",
+                                                     "globalaclgrp"};
+    static const std::vector<const char*> kDocIDs = {"dirid", "creaid", "lastchangedid"};
+    for (const char* field : ADirectories ? kDirIDs : kDocIDs)
         ASet.GetSelectFieldOptions(field).DisableLookupValueLoading = true;
 }
 

@@ -1,0 +1,153 @@
+// Fixtures of the persistence tests: a TDBDocAdmin on a fresh database (SQLite file or a private
+// PostgreSQL schema, by test parameter) with a real local store in a temporary folder, whose
+// transfers can be made to fail, and a scripted answerer for the host's message dialog.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <deque>
+#include <memory>
+#include <string>
+
+#include "_DBBackend.h"
+#include "_Dialogs.h"
+#include "_TDBDocAdmin.h"
+#include "_TDocFileLoaderLocFile.h"
+#include "components_fixtures.h"
+#include "host/db/db_test_support.h"
+
+namespace docadmin::test {
+
+// The host as far as an administrator needs it: the database and nothing else.
+class TPersistMain : public IMainInterface {
+  public:
+    HRESULT QueryInterface(const TGUID& iid, void** obj) override {
+        if (iid == IMainInterface::IID || iid == IInterface::IID) {
+            *obj = static_cast<IMainInterface*>(this);
+            return S_OK;
+        }
+        *obj = nullptr;
+        return E_NOINTERFACE;
+    }
+    std::int32_t _AddRef() override { return -1; }
+    std::int32_t _Release() override { return -1; }
+    IDBFieldSchema* GetDBFieldSchema() override {
+        return const_cast<IDBFieldSchema*>(DB->GetFieldSchema());
+    }
+    IDBInterface* GetDBInterface() override { return DB; }
+    IVantrelDatabaseRepository* GetDatabaseRepository() override { return nullptr; }
+    ISettingsStorage* GetUserSettings() override { return nullptr; }
+    ISettingsStorage* GetGlobalSettings() override { return nullptr; }
+    ISettingsStorage* GetLocalSettings() override { return nullptr; }
+    ICustomApp* GetCustomApp() override { return nullptr; }
+    IUserAccess* GetUserAccess() override { return nullptr; }
+    ICurrentUser* GetCurrentUser() override { return nullptr; }
+    std::uint8_t RunMode() override { return 0; }
+
+    IDBInterface* DB = nullptr;
+};
+
+// The local store with counters and switches for failures.
+class TFlakyStore : public TDocFileLoaderLocFile {
+  public:
+    explicit TFlakyStore(const std::string& AFolder) : TDocFileLoaderLocFile(nullptr) {
+        SetUseCompression(false);
+        SetFilePath(AFolder);
+    }
+    std::string UploadFile(const std::string& LocalFileName, const std::string& RemoteFileName,
+                           TUploadMode Mode) override {
+        ++Uploads;
+        if (FailUploads > 0) {
+            --FailUploads;
+            throw EInOutError("Upload of '" + LocalFileName + "' failed: no space left");
+        }
+        std::string r = TDocFileLoaderLocFile::UploadFile(LocalFileName, RemoteFileName, Mode);
+        if (CloseGracefully) throw EIdConnClosedGracefully("Connection Closed Gracefully.");
+        return r;
+    }
+    void RemoveFile(const std::string& RemoteFile, const std::string& ADescription) override {
+        ++Removes;
+        TDocFileLoaderLocFile::RemoveFile(RemoteFile, ADescription);
+    }
+    bool Has(const std::string& remote) const { return fs::exists(RemotePath(remote)); }
+    std::string Content(const std::string& remote) const { return ReadFile(RemotePath(remote)); }
+
+    int Uploads = 0;
+    int Removes = 0;
+    int FailUploads = 0;  // so many uploads fail before the next one works
+    bool CloseGracefully = false;
+};
+
+inline const std::string kPlugin = "{0C7D51E2-1F0B-4C55-9E7A-3B8F2D6A4C10}";
+
+class PersistTest : public docadmin::testing::DBTest {
+  public:
+    using DBTest::Insert;
+
+    void SetUp() override {
+        DBTest::SetUp();
+        if (IsSkipped() || HasFatalFailure()) return;
+        Main.DB = DB.get();
+        FPrevAnswerer =
+            SetMessageDlgAnswerer([this](const std::string& msg, TMsgDlgType, TMsgDlgButtons) {
+                DialogMessages.push_back(msg);
+                if (Answers.empty()) return mrAbort;
+                const int a = Answers.front();
+                Answers.pop_front();
+                return a;
+            });
+    }
+    void TearDown() override {
+        SetMessageDlgAnswerer(FPrevAnswerer);
+        DBTest::TearDown();
+    }
+
+    // An administrator of kPlugin (or another plug-in value) on the test's database and store.
+    std::unique_ptr<TDBDocAdmin> NewAdmin(const std::string& APlugin = kPlugin,
+                                          const std::string& ARootPath = "") {
+        auto admin = std::make_unique<TDBDocAdmin>(nullptr);
+        admin->SetMainInterface(&Main);
+        admin->SetPluginGUID(APlugin);
+        admin->SetPlugin(APlugin);
+        admin->SetRootDirectoryPath(ARootPath);
+        admin->SetDocFileLoader(new TFlakyStore(StoreDir()));
+        return admin;
+    }
+    static TFlakyStore& Store(TDBDocAdmin& AAdmin) {
+        return *static_cast<TFlakyStore*>(AAdmin.DocFileLoader());
+    }
+    std::string StoreDir() const { return Temp / "store"; }
+    std::string LocalFile(const std::string& name, const std::string& content) {
+        const std::string path = Temp / ("in/" + name);
+        WriteFile(path, content);
+        return path;
+    }
+    // Rows of a schema with an optional equality filter.
+    int RowCount(const std::string& schema, const std::string& field = "",
+                 const TVariant& value = TVariant()) {
+        auto rs = Set(schema);
+        if (!field.empty()) AddFilter(rs->GetFilters(), field, value);
+        rs->Open();
+        return rs->GetRecordCount();
+    }
+    // One row by id, all columns.
+    std::unique_ptr<TKRRecordSet> Row(const std::string& schema, std::int64_t id) {
+        auto rs = Set(schema);
+        rs->SetSelectAll(true);
+        AddFilter(rs->GetFilters(), "id", TVariant(static_cast<long long>(id)));
+        rs->Open();
+        return rs;
+    }
+    static std::uint64_t Statements() { return DBStatementCount(); }
+
+    TPersistMain Main;
+    TTempDir Temp;
+    std::deque<int> Answers;  // answers of the dialog, in order; Abort when none is left
+    std::vector<std::string> DialogMessages;
+
+  private:
+    TMessageDlgAnswerer FPrevAnswerer;
+};
+
+}  // namespace docadmin::test

@@ -1,0 +1,294 @@
+// Loading a tree: record folders by title with the shared cache, top-level folders, documents by
+// one in-list query, filters, and a tree that outlives its process.
+#include "_DBSchema.h"
+#include "_TDBRecordFlagsPlugin.h"
+#include "_TUniqueFolderCache.h"
+#include "persist_fixtures.h"
+
+namespace docadmin::test {
+namespace {
+
+using LoadTest = PersistTest;
+
+const std::string kRecord1 = "{A1B2C3D4-0000-4000-8000-000000000001}";
+const std::string kRecord2 = "{A1B2C3D4-0000-4000-8000-000000000002}";
+
+std::string RecordPath(const std::string& ARecord) {
+    return "\"" + kPlugin + "\",Invoices#Records," + ARecord;
+}
+
+std::int64_t InsertDir(PersistTest& t, const std::string& title, std::int64_t parent,
+                       const std::string& plugin = kPlugin) {
+    return t.Insert("docadmindir", {{"title", TVariant(title)},
+                                    {"parentdirid", TVariant(static_cast<long long>(parent))},
+                                    {"pluginguid", TVariant(plugin)}});
+}
+
+std::int64_t InsertDoc(PersistTest& t, const std::string& name, std::int64_t dir,
+                       const std::string& remote = "") {
+    return t.Insert("docadmindocs", {{"docname", TVariant(name)},
+                                     {"dirid", TVariant(static_cast<long long>(dir))},
+                                     {"fllocname", TVariant(remote)},
+                                     {"flversion", TVariant("1.0.0.0")}});
+}
+
+std::vector<std::string> Titles(TDocDirectory* dir) {
+    std::vector<std::string> r;
+    for (std::int32_t i = 0; i < dir->ChildDirectoryCount(); ++i)
+        r.push_back(dir->GetChildDirectorys(i)->Titel());
+    std::sort(r.begin(), r.end());
+    return r;
+}
+
+std::vector<std::string> DocNames(TDocDirectory* dir) {
+    std::vector<std::string> r;
+    for (std::int32_t i = 0; i < dir->DocumentCount(); ++i)
+        r.push_back(dir->GetDocuments(i)->DocName());
+    return r;
+}
+
+TEST_P(LoadTest, RecordFoldersCostAtMostTwoQueriesAndOneWithTheCacheWarm) {
+    TUniqueFolderCache cache;
+    {
+        // Cold: the record's title, the record root folder, then creating the record folder.
+        auto admin = NewAdmin(kPlugin, RecordPath(kRecord1));
+        admin->SetUniqueFolderCache(&cache);
+        admin->Directories()->ChildDirectoryCount();
+        EXPECT_EQ(admin->Directories()->Titel(), kRecord1);
+        EXPECT_GT(admin->Directories()->DirID(), 0);
+    }
+    ASSERT_EQ(RowCount("docadmindir"), 2);
+    {
+        // An existing record folder, with a cache that knows nothing: one lookup by title.
+        TUniqueFolderCache cold;
+        auto admin = NewAdmin(kPlugin, RecordPath(kRecord1));
+        admin->SetUniqueFolderCache(&cold);
+        const auto before = Statements();
+        admin->Directories()->ChildDirectoryCount();
+        EXPECT_LE(Statements() - before, 2u);
+        EXPECT_EQ(admin->Directories()->Titel(), kRecord1);
+    }
+    // The cache now knows the record root folder.
+    EXPECT_EQ(cache.FolderCount(kPlugin), 1);
+    {
+        // A second record under the same root folder: one query (its title), then its insert.
+        auto admin = NewAdmin(kPlugin, RecordPath(kRecord2));
+        admin->SetUniqueFolderCache(&cache);
+        const auto before = Statements();
+        admin->Directories()->ChildDirectoryCount();
+        EXPECT_EQ(Statements() - before, 2u);
+        EXPECT_EQ(admin->Directories()->Titel(), kRecord2);
+    }
+    ASSERT_EQ(RowCount("docadmindir"), 3);
+    EXPECT_EQ(RowCount("docadmindir", "title", TVariant("Invoices#Records")), 1);
+    auto rec2 = Set("docadmindir");
+    AddFilter(rec2->GetFilters(), "title", TVariant(kRecord2));
+    rec2->Open();
+    auto root = Set("docadmindir");
+    AddFilter(root->GetFilters(), "title", TVariant("Invoices#Records"));
+    root->Open();
+    EXPECT_EQ(rec2->ValueByName(0, "parentdirid").GetRealValue(), root->GetDBIDByRecNo(0));
+}
+
+TEST_P(LoadTest, TwoRecordFoldersOfOneTitleMergeAndTheSecondRowGoes) {
+    const std::int64_t root = InsertDir(*this, "Invoices#Records", 0);
+    const std::int64_t first = InsertDir(*this, kRecord1, root);
+    const std::int64_t second = InsertDir(*this, kRecord1, root);
+    InsertDoc(*this, "one.txt", first);
+    const std::int64_t moved = InsertDoc(*this, "two.txt", second);
+    auto admin = NewAdmin(kPlugin, RecordPath(kRecord1));
+    admin->Directories()->ChildDirectoryCount();
+    EXPECT_EQ(admin->Directories()->DirID(), first);
+    EXPECT_EQ(RowCount("docadmindir", "title", TVariant(kRecord1)), 1);
+    EXPECT_EQ(RowCount("docadmindir", "id", TVariant(static_cast<long long>(second))), 0);
+    EXPECT_EQ(Row("docadmindocs", moved)->ValueByName(0, "dirid").GetRealValue(), first);
+    EXPECT_EQ(DocNames(admin->Directories()), (std::vector<std::string>{"one.txt", "two.txt"}));
+}
+
+TEST_P(LoadTest, TopLevelHoldsOrphansAndOnlyThePluginsFolders) {
+    const std::int64_t gone = InsertDir(*this, "Gone", 0);
+    InsertDir(*this, "Orphan", gone);
+    InsertDir(*this, "Top", 0);
+    InsertDir(*this, "Global", 0, "");
+    InsertDir(*this, "Other", 0, "{99999999-0000-4000-8000-000000000000}");
+    IPtr<IDBSQLStatement> st = DB->CreateStatement("");
+    st->SetSchemaItem(GetSchemaByName(DB->GetFieldSchema(), "docadmindir").get());
+    st->SetStatementKind(2);
+    st->AddFilter("id", TVariant(static_cast<long long>(gone)));
+    st->Execute();
+
+    auto admin = NewAdmin();
+    EXPECT_EQ(Titles(admin->Directories()), (std::vector<std::string>{"Orphan", "Top"}));
+    for (TDocDirectory* d : admin->Directories()->ChildDirectoriesInMemory())
+        EXPECT_EQ(d->ChangeState(), chNone);
+    auto withGlobal = NewAdmin();
+    withGlobal->SetAllwaysLoadGlobal(true);
+    EXPECT_EQ(Titles(withGlobal->Directories()),
+              (std::vector<std::string>{"Global", "Orphan", "Top"}));
+    auto global = NewAdmin(GlobalPluginGUID);
+    EXPECT_EQ(Titles(global->Directories()), (std::vector<std::string>{"Global"}));
+    auto all = NewAdmin(AllPluginsGUID);
+    EXPECT_EQ(Titles(all->Directories()),
+              (std::vector<std::string>{"Global", "Orphan", "Other", "Top"}));
+}
+
+TEST_P(LoadTest, DocumentsOfManyDirectoriesComeFromOneQuery) {
+    const std::int64_t a = InsertDir(*this, "A", 0);
+    const std::int64_t b = InsertDir(*this, "B", 0);
+    InsertDir(*this, "C", 0);
+    InsertDoc(*this, "b2.txt", b);
+    InsertDoc(*this, "a1.txt", a);
+    InsertDoc(*this, "b1.txt", b);
+    auto admin = NewAdmin();
+    admin->Directories()->ChildDirectoryCount();
+    std::vector<TDocDirectory*> dirs = admin->Directories()->ChildDirectoriesInMemory();
+    auto before = Statements();
+    admin->LoadFilesForDirectory(dirs);
+    EXPECT_EQ(Statements() - before, 1u);
+    for (TDocDirectory* d : dirs) {
+        EXPECT_TRUE(d->LoadingState().Contains(lsDocumentsLoaded)) << d->Titel();
+        const std::vector<std::string> expected =
+            d->Titel() == "A"   ? std::vector<std::string>{"a1.txt"}
+            : d->Titel() == "B" ? std::vector<std::string>{"b1.txt", "b2.txt"}
+                                : std::vector<std::string>{};
+        EXPECT_EQ(DocNames(d), expected) << d->Titel();
+        for (TDocument* doc : d->DocumentsInMemory())
+            EXPECT_EQ(doc->ChangeState(), chNone);
+    }
+    // Loaded and new directories are left alone: no query at all.
+    TDocDirectory* fresh = admin->AddDirectory(nullptr, "New");
+    before = Statements();
+    admin->LoadFilesForDirectory({dirs[0], fresh});
+    admin->LoadFilesForDirectory({});
+    EXPECT_EQ(Statements(), before);
+    EXPECT_EQ(DocNames(dirs[0]).size() + DocNames(dirs[1]).size(), 3u);
+}
+
+TEST_P(LoadTest, DocumentFileInfoQueriesNothingForIdZeroAndNamesOldRows) {
+    auto admin = NewAdmin();
+    std::string name = "stale";
+    TDateTime date = 5;
+    const auto before = Statements();
+    EXPECT_EQ(admin->GetDocumentFileInfo(0, name, date, true), "");
+    EXPECT_EQ(Statements(), before);
+    EXPECT_EQ(name, "");
+    EXPECT_EQ(date, MinDateTime);
+
+    const std::int64_t old = InsertDoc(*this, "old.pdf", 0, "");
+    EXPECT_EQ(admin->GetDocumentFileInfo(static_cast<std::int32_t>(old), name, date, false), "");
+    const std::string made =
+        admin->GetDocumentFileInfo(static_cast<std::int32_t>(old), name, date, true);
+    EXPECT_EQ(made.size(), 32u);
+    EXPECT_EQ(name, "old.pdf");
+    EXPECT_EQ(Row("docadmindocs", old)->ValueByName(0, "fllocname").GetAsString(), made);
+    EXPECT_EQ(admin->GetDocumentFileInfo(static_cast<std::int32_t>(old), name, date, true), made);
+}
+
+TEST_P(LoadTest, WhereTextFiltersDocumentsOnlyAndTheSetCountsAsComplete) {
+    const std::int64_t a = InsertDir(*this, "A", 0);
+    InsertDir(*this, "B", 0);
+    InsertDoc(*this, "keep.txt", a);
+    InsertDoc(*this, "drop.pdf", a);
+    auto admin = NewAdmin();
+    admin->ApplyParams("docname LIKE '%.txt' OR (docname = 'x' AND flsize > 10)");
+    EXPECT_EQ(Titles(admin->Directories()), (std::vector<std::string>{"A", "B"}));
+    TDocDirectory* dirA = admin->Directories()->GetChildDirectorys(0);
+    if (dirA->Titel() != "A") dirA = admin->Directories()->GetChildDirectorys(1);
+    EXPECT_EQ(DocNames(dirA), std::vector<std::string>{"keep.txt"});
+    EXPECT_TRUE(dirA->LoadingState().Contains(lsDocumentsLoaded));
+    // A save sees only the filtered set and leaves the other row alone.
+    EXPECT_FALSE(admin->DoSaveChanges());
+    EXPECT_EQ(RowCount("docadmindocs"), 2);
+}
+
+TEST_P(LoadTest, WhereTextWithAValueOnTheLeftFailsAtTheFirstLoad) {
+    InsertDir(*this, "A", 0);
+    auto admin = NewAdmin();
+    admin->ApplyParams("'x' = docname");
+    TDocDirectory* a = admin->Directories()->GetChildDirectorys(0);
+    try {
+        a->DocumentCount();
+        FAIL() << "no exception";
+    } catch (const Exception& e) {
+        EXPECT_EQ(e.Message(),
+                  "Error in DOC:\\\\ WHERE-Filter: Left value \"x\" must be a fieldname and right "
+                  "value \"docname\" must be a value!");
+    }
+    EXPECT_FALSE(a->LoadingState().Contains(lsDocumentsLoaded));
+}
+
+TEST_P(LoadTest, RecordFlagsRestrictChildFoldersAndDocuments) {
+    TDBRecordFlagsPlugin flags(DB.get());
+    ASSERT_TRUE(flags.Available());
+    const std::int64_t parent = InsertDir(*this, "P", 0);
+    const std::int64_t red = InsertDir(*this, "Red", parent);
+    InsertDir(*this, "Plain", parent);
+    const std::int64_t urgentDoc = InsertDoc(*this, "urgent.txt", parent);
+    InsertDoc(*this, "calm.txt", parent);
+    const std::int64_t colour = flags.DefineFlag("docadmindir", "red", 2);
+    flags.SetFlag("docadmindir", red, colour);
+    const std::int64_t urgent = flags.DefineFlag("docadmindocs", "Urgent", 1);
+    flags.SetFlag("docadmindocs", urgentDoc, urgent);
+
+    auto admin = NewAdmin();
+    admin->SetRecordFlagsPlugin(&flags);
+    admin->SetActiveRecordFlagTypes(1u << 2);
+    TDocDirectory* p = admin->Directories()->GetChildDirectorys(0);
+    // The top level isn't filtered by flags; the children are.
+    EXPECT_EQ(p->Titel(), "P");
+    EXPECT_EQ(Titles(p), std::vector<std::string>{"Red"});
+
+    auto byName = NewAdmin();
+    byName->SetRecordFlagsPlugin(&flags);
+    byName->ApplyParams("recordflags = 'Urgent'");
+    EXPECT_EQ(DocNames(byName->Directories()->GetChildDirectorys(0)),
+              std::vector<std::string>{"urgent.txt"});
+    auto without = NewAdmin();
+    without->SetRecordFlagsPlugin(&flags);
+    without->ApplyParams("recordflags <> 'Urgent'");
+    EXPECT_EQ(DocNames(without->Directories()->GetChildDirectorys(0)),
+              std::vector<std::string>{"calm.txt"});
+    // Without the service, flag kinds filter nothing.
+    auto unfiltered = NewAdmin();
+    unfiltered->SetActiveRecordFlagTypes(1u << 2);
+    EXPECT_EQ(Titles(unfiltered->Directories()->GetChildDirectorys(0)),
+              (std::vector<std::string>{"Plain", "Red"}));
+}
+
+TEST_P(LoadTest, ATreeOutlivesItsAdministratorAndDatabaseConnection) {
+    const std::string big(200000, 'z');
+    {
+        auto admin = NewAdmin();
+        admin->Directories()->ChildDirectoryCount();
+        admin->BeginUpdate();
+        TDocDirectory* projects = admin->AddDirectory(nullptr, "Projects");
+        TDocDirectory* year = admin->AddDirectory(projects, "2024");
+        admin->SaveDoc(nullptr, chAdded, LocalFile("plan.txt", "the plan"), year, "", 0);
+        admin->SaveDoc(nullptr, chAdded, LocalFile("big.bin", big), projects, "", 2);
+        admin->EndUpdate();
+    }
+    // Everything goes: administrator, store object, database handle.
+    DB.reset();
+    DB = OpenDatabase(FParams);
+    Main.DB = DB.get();
+
+    auto admin = NewAdmin();
+    ASSERT_EQ(Titles(admin->Directories()), std::vector<std::string>{"Projects"});
+    TDocDirectory* projects = admin->Directories()->GetChildDirectorys(0);
+    ASSERT_EQ(Titles(projects), std::vector<std::string>{"2024"});
+    ASSERT_EQ(DocNames(projects), std::vector<std::string>{"big.bin"});
+    TDocument* bigDoc = projects->GetDocuments(0);
+    EXPECT_EQ(bigDoc->Size(), static_cast<std::int64_t>(big.size()));
+    EXPECT_EQ(bigDoc->DocumentTags(), 2);
+    TDocDirectory* year = projects->GetChildDirectorys(0);
+    ASSERT_EQ(DocNames(year), std::vector<std::string>{"plan.txt"});
+    admin->DownloadFile(year->GetDocuments(0), Temp / "out/plan.txt", false, nullptr);
+    admin->DownloadFile(bigDoc, Temp / "out/big.bin", false, nullptr);
+    EXPECT_EQ(ReadFile(Temp / "out/plan.txt"), "the plan");
+    EXPECT_EQ(ReadFile(Temp / "out/big.bin"), big);
+}
+
+DB_INSTANTIATE(LoadTest);
+
+}  // namespace
+}  // namespace docadmin::test
