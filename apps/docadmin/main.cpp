@@ -25,8 +25,11 @@ int main(int argc, char** argv) {
     // failures of the system arrive here with their text.
     try {
         app.parse(argc, argv);
+    } catch (const CLI::RuntimeError& e) {
+        return e.get_exit_code();  // a verb's own exit code
     } catch (const CLI::ParseError& e) {
-        return app.exit(e);
+        // Help and version end with 0; any mistake in the command line is a usage error.
+        return app.exit(e) == 0 ? kExitOk : kExitUsage;
     } catch (const std::exception& e) {
         std::cerr << "docadmin: " << e.what() << "\n";
         return kExitFailure;

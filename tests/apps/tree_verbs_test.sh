@@ -1,0 +1,163 @@
+#!/usr/bin/env bash
+# The tree verbs of docadmin end to end: import, ls (text, --json, --where), get, export with
+# masks, replace with and without archive, versions, rm, mkdir, record folders and exit codes.
+# Runs in a private data folder with the built-in defaults (SQLite and the local store).
+#   tests/apps/tree_verbs_test.sh path/to/docadmin
+set -uo pipefail
+bin=$(realpath "$1")
+work=$(mktemp -d /tmp/docadmin-apps.XXXXXX)
+trap 'rm -rf "$work"' EXIT
+export DOCADMIN_DATA=$work/data
+unset DOCADMIN_CONFIG
+cd "$work"
+
+failures=0
+fail() {
+    echo "FAIL: $*" >&2
+    failures=$((failures + 1))
+}
+# expect CODE CMD...: runs the command, keeps its stdout in $out and stderr in $err.
+expect() {
+    local want=$1
+    shift
+    out=$("$@" 2>"$work/stderr")
+    local rc=$?
+    err=$(cat "$work/stderr")
+    [[ $rc -eq $want ]] || fail "exit $rc (wanted $want): $* :: $err"
+}
+# Every document of a tree in JSON as "folder/path/name<TAB>id<TAB>size<TAB>version", sorted.
+docs() {
+    jq -r 'def walk(p): (.documents[] | "\(p)\(.name)\t\(.id)\t\(.size)\t\(.version)"),
+                        (.folders[] as $f | $f | walk(p + $f.title + "/"));
+           .root | walk("")' | sort
+}
+id_of() { awk -F'\t' -v n="$1" '$1 == n { print $2 }' <<<"$listing"; }
+
+# A sample folder: nested folders, one name in two folders, an empty file, a binary file.
+mkdir -p sample/letters/2024 sample/scans sample/empty
+printf 'first letter\n' >sample/letters/a.txt
+printf 'second letter\n' >sample/letters/2024/a.txt
+printf '' >sample/letters/2024/zero.txt
+head -c 70000 /dev/urandom >sample/scans/scan.pdf
+printf 'note' >sample/readme.md
+
+# ---- import and list
+expect 0 "$bin" import sample
+[[ $out == "imported 5 documents from $work/sample into folder "* ]] || fail "import said: $out"
+expect 0 "$bin" ls --json
+listing=$(docs <<<"$out")
+want=$(cd sample && find . -type f -printf '%P\n' | sort)
+[[ $(cut -f1 <<<"$listing" | sed 's|^sample/||') == "$want" ]] ||
+    fail "ls --json lists other documents: $listing"
+[[ $(jq '.documents' <<<"$out") == 5 && $(jq '.bytes' <<<"$out") == 70031 ]] ||
+    fail "ls --json totals: $(jq -c '[.folders,.documents,.bytes]' <<<"$out")"
+[[ $(awk -F'\t' '$1=="sample/scans/scan.pdf" {print $3}' <<<"$listing") == 70000 ]] ||
+    fail "size of scan.pdf in the listing"
+expect 0 "$bin" ls
+grep -q '^  sample/  \[folder [0-9]*\]$' <<<"$out" || fail "text ls has no sample folder: $out"
+grep -q 'scan.pdf  \[[0-9]*\]  70000 bytes  v' <<<"$out" || fail "text ls has no scan.pdf line"
+grep -q '^5 folders, 5 documents, 70031 bytes$' <<<"$out" || fail "text ls totals: $out"
+
+# ---- get: every document comes back byte for byte, to a file or into a folder
+while IFS=$'\t' read -r path id _; do
+    expect 0 "$bin" get "$id" "$work/got"
+    cmp -s "$work/got" "$work/$path" || fail "get $id differs from $path"
+done <<<"$listing"
+mkdir into
+expect 0 "$bin" get "$(id_of sample/scans/scan.pdf)" into
+cmp -s into/scan.pdf sample/scans/scan.pdf || fail "get into a folder"
+expect 1 "$bin" get 999999 "$work/none"
+[[ $err == "docadmin: File with ID '999999' not found in repository!" ]] || fail "get unknown: $err"
+[[ ! -e $work/none ]] || fail "get of an unknown id wrote a file"
+expect 2 "$bin" get notanumber "$work/none"
+expect 2 "$bin" import
+
+# ---- export: all, by file mask, by folder mask
+expect 0 "$bin" export out1
+diff -r sample out1/sample >/dev/null || fail "export differs from the source"
+[[ ! -e out1/sample/empty ]] || fail "export made a folder for an empty directory"
+expect 0 "$bin" export out2 --files '*.txt'
+[[ $(cd out2 && find . -type f | sort | tr '\n' ' ') == "./sample/letters/2024/a.txt ./sample/letters/2024/zero.txt ./sample/letters/a.txt " ]] ||
+    fail "export --files '*.txt': $(cd out2 && find . -type f)"
+expect 0 "$bin" export out3 --dirs 'sc*'
+[[ -z $(find out3 -type f) ]] || fail "a folder mask that misses the top folder exported files"
+
+# ---- where-text
+expect 0 "$bin" ls --json --where "docname = 'a.txt'"
+[[ $(docs <<<"$out" | cut -f1 | tr '\n' ' ') == "sample/letters/2024/a.txt sample/letters/a.txt " ]] ||
+    fail "ls --where: $(docs <<<"$out")"
+expect 1 "$bin" ls --where "docname = "
+
+# ---- replace and versions
+id=$(id_of sample/letters/a.txt)
+old_version=$(awk -F'\t' -v i="$id" '$2==i {print $4}' <<<"$listing")
+printf 'a new text, longer than before\n' >new.txt
+expect 0 "$bin" replace "$id" new.txt
+expect 0 "$bin" versions "$id" --json
+v=$out
+[[ $(jq '.archived | length' <<<"$v") == 1 ]] || fail "one archived version wanted: $v"
+[[ $(jq -r '.archived[0].version' <<<"$v") == "$old_version" ]] || fail "archived version: $v"
+[[ $(jq '.archived[0].size' <<<"$v") == 13 && $(jq '.current.size' <<<"$v") == 31 ]] ||
+    fail "sizes of current and archived version: $v"
+[[ $(jq -r '.current.version' <<<"$v") != "$old_version" ]] || fail "version not raised: $v"
+old_remote=$(jq -r '.archived[0].remote' <<<"$v")
+[[ $old_remote != $(jq -r '.current.remote' <<<"$v") ]] || fail "archiving kept the remote name"
+expect 0 "$bin" get "$id" got
+cmp -s got new.txt || fail "get after replace"
+expect 0 "$bin" store get "$old_remote" old
+cmp -s old sample/letters/a.txt || fail "the archived file isn't the old content"
+printf 'third\n' >third.txt
+expect 0 "$bin" replace "$id" third.txt --no-archive
+expect 0 "$bin" versions "$id" --json
+[[ $(jq '.archived | length' <<<"$out") == 1 ]] || fail "--no-archive added a version: $out"
+[[ $(jq -r '.current.remote' <<<"$out") == $(jq -r '.current.remote' <<<"$v") ]] ||
+    fail "--no-archive changed the remote name"
+expect 0 "$bin" versions "$id"
+grep -q '^1 archived version(s)$' <<<"$out" || fail "text versions: $out"
+expect 1 "$bin" replace "$id" missing.txt
+expect 1 "$bin" versions 999999
+
+# ---- rm
+id=$(id_of sample/readme.md)
+expect 0 "$bin" rm "$id"
+expect 1 "$bin" get "$id" got
+expect 0 "$bin" ls --json
+[[ $(jq '.documents' <<<"$out") == 4 ]] || fail "rm left $(jq '.documents' <<<"$out") documents"
+expect 1 "$bin" rm "$id"
+
+# ---- mkdir: creates a path once, finds it the second time
+expect 0 "$bin" mkdir '"Projects","Alpha, Beta"'
+first=$out
+[[ $first == '"Projects","Alpha, Beta"  [folder '*']' ]] || fail "mkdir said: $first"
+expect 0 "$bin" mkdir '"Projects","Alpha, Beta"'
+[[ $out == "$first" ]] || fail "second mkdir made another folder: $out"
+expect 0 "$bin" ls --json
+[[ $(jq -r '.root.folders[] | select(.title=="Projects") | .folders[0].title' <<<"$out") == "Alpha, Beta" ]] ||
+    fail "mkdir folder not listed"
+
+# ---- a record's folder, and another plug-in's tree, are separate trees
+rec='"letters#Records","{0F8E2C57-4B1A-4D6E-9C3B-7A5D2E1F6B80}"'
+expect 0 "$bin" import sample/scans --path "$rec"
+expect 0 "$bin" ls --json --path "$rec"
+[[ $(docs <<<"$out" | cut -f1) == "scans/scan.pdf" ]] || fail "record tree: $(docs <<<"$out")"
+expect 0 "$bin" ls --json
+[[ $(jq -r '.root.folders[] | select(.title=="letters#Records") | .folders[0].title' <<<"$out") == "{0F8E2C57-4B1A-4D6E-9C3B-7A5D2E1F6B80}" ]] ||
+    fail "the record folder isn't below letters#Records"
+other='{11111111-2222-3333-4444-555555555555}'
+expect 0 "$bin" ls --json --plugin "$other"
+[[ $(jq '.documents' <<<"$out") == 0 ]] || fail "another plug-in sees documents"
+expect 1 "$bin" ls --plugin 'no-guid'
+[[ $err == "docadmin: --plugin: \"no-guid\" is no GUID in braces" ]] || fail "bad plugin: $err"
+expect 1 "$bin" import "$work/no-such-folder"
+[[ $err == "docadmin: Folder '$work/no-such-folder' not found!" ]] || fail "missing folder: $err"
+
+# ---- a second import of the same folder adds its files again
+expect 0 "$bin" import sample/scans --path "$rec"
+expect 0 "$bin" ls --json --path "$rec"
+[[ $(jq '.documents' <<<"$out") == 2 ]] || fail "second import: $(jq '.documents' <<<"$out")"
+
+if [[ $failures -gt 0 ]]; then
+    echo "$failures check(s) failed" >&2
+    exit 1
+fi
+echo "all checks passed"
