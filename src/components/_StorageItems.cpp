@@ -350,6 +350,12 @@ void TDocDirectory::MoveContentTo(TDocDirectory* ADestDir, bool ARespectLoadingS
     const bool otherAdmin = AMakePersistenChanged && dest && dest != own;
     if (otherAdmin) dest->BeginUpdate();
     if (AMakePersistenChanged && own) own->BeginUpdate();
+    if (!ARespectLoadingState) {
+        // All content moves, also what hasn't been read yet: stored items left behind would
+        // point at a directory that is about to go.
+        CheckDocumentsLoaded();
+        CheckChildDirectoriesLoaded();
+    }
     if (!ARespectLoadingState || FLoadingState.Contains(lsDocumentsLoaded)) {
         for (size_t i = FDocuments.size(); i-- > 0;) {
             TDocument* d = FDocuments[i];
@@ -628,7 +634,10 @@ void TDocDirectoryRoot::LoadRoot() {
             found = admin->CreateFolderStruct(this, admin->RootDirectoryPath());
             admin->SaveChanges();
         } else {
-            if (FChildDirectories.size() >= 2) {
+            // Several children are one title found twice, when a unique folder was looked up.
+            // Without one the children are the top-level folders, all different: the path is
+            // then walked from the root itself.
+            if (uniqueIndex >= 0 && FChildDirectories.size() >= 2) {
                 admin->BeginUpdate();
                 TDocDirectory* first = FChildDirectories.front();
                 for (size_t i = FChildDirectories.size() - 1; i >= 1; --i) {
@@ -639,7 +648,7 @@ void TDocDirectoryRoot::LoadRoot() {
                 admin->EndUpdate();
                 if (!admin->AutoSave()) admin->SaveChanges();
             }
-            if (!found) found = FChildDirectories.front();
+            if (!found) found = uniqueIndex >= 0 ? FChildDirectories.front() : this;
             for (size_t i = static_cast<size_t>(uniqueIndex + 1); i < path.size(); ++i) {
                 TDocDirectory* next = nullptr;
                 for (TDocDirectory* c : found->FChildDirectories)

@@ -12,6 +12,8 @@ using LoadTest = PersistTest;
 
 const std::string kRecord1 = "{A1B2C3D4-0000-4000-8000-000000000001}";
 const std::string kRecord2 = "{A1B2C3D4-0000-4000-8000-000000000002}";
+const std::string kRecord3 = "{A1B2C3D4-0000-4000-8000-000000000003}";
+const std::string kRecord4 = "{A1B2C3D4-0000-4000-8000-000000000004}";
 
 std::string RecordPath(const std::string& ARecord) {
     return "\"" + kPlugin + "\",Invoices#Records," + ARecord;
@@ -57,7 +59,8 @@ TEST_P(LoadTest, RecordFoldersCostAtMostTwoQueriesAndOneWithTheCacheWarm) {
         EXPECT_EQ(admin->Directories()->Titel(), kRecord1);
         EXPECT_GT(admin->Directories()->DirID(), 0);
     }
-    ASSERT_EQ(RowCount("docadmindir"), 2);
+    // The plug-in's folder, the record root folder and the record's folder.
+    ASSERT_EQ(RowCount("docadmindir"), 3);
     {
         // An existing record folder, with a cache that knows nothing: one lookup by title.
         TUniqueFolderCache cold;
@@ -68,18 +71,23 @@ TEST_P(LoadTest, RecordFoldersCostAtMostTwoQueriesAndOneWithTheCacheWarm) {
         EXPECT_LE(Statements() - before, 2u);
         EXPECT_EQ(admin->Directories()->Titel(), kRecord1);
     }
-    // The cache now knows the record root folder.
-    EXPECT_EQ(cache.FolderCount(kPlugin), 1);
-    {
-        // A second record under the same root folder: one query (its title), then its insert.
-        auto admin = NewAdmin(kPlugin, RecordPath(kRecord2));
+    auto newRecord = [&](const std::string& rec, bool isNew) {
+        auto admin = NewAdmin(kPlugin, RecordPath(rec));
         admin->SetUniqueFolderCache(&cache);
+        admin->Directories()->SetIsNewUniqueFolder(isNew);
         const auto before = Statements();
         admin->Directories()->ChildDirectoryCount();
-        EXPECT_EQ(Statements() - before, 2u);
-        EXPECT_EQ(admin->Directories()->Titel(), kRecord2);
-    }
-    ASSERT_EQ(RowCount("docadmindir"), 3);
+        EXPECT_EQ(admin->Directories()->Titel(), rec);
+        return Statements() - before;
+    };
+    // A new record: its title, the record root folder (now cached), the insert.
+    EXPECT_EQ(newRecord(kRecord2, false), 3u);
+    EXPECT_EQ(cache.FolderCount(kPlugin), 1);
+    // The next one under the same root folder: one query and the insert.
+    EXPECT_EQ(newRecord(kRecord3, false), 2u);
+    // A caller that knows the record is new saves even the title lookup.
+    EXPECT_EQ(newRecord(kRecord4, true), 1u);
+    ASSERT_EQ(RowCount("docadmindir"), 6);
     EXPECT_EQ(RowCount("docadmindir", "title", TVariant("Invoices#Records")), 1);
     auto rec2 = Set("docadmindir");
     AddFilter(rec2->GetFilters(), "title", TVariant(kRecord2));
@@ -282,10 +290,27 @@ TEST_P(LoadTest, ATreeOutlivesItsAdministratorAndDatabaseConnection) {
     EXPECT_EQ(bigDoc->DocumentTags(), 2);
     TDocDirectory* year = projects->GetChildDirectorys(0);
     ASSERT_EQ(DocNames(year), std::vector<std::string>{"plan.txt"});
+    fs::create_directories(Temp / "out");
     admin->DownloadFile(year->GetDocuments(0), Temp / "out/plan.txt", false, nullptr);
     admin->DownloadFile(bigDoc, Temp / "out/big.bin", false, nullptr);
     EXPECT_EQ(ReadFile(Temp / "out/plan.txt"), "the plan");
     EXPECT_EQ(ReadFile(Temp / "out/big.bin"), big);
+}
+
+TEST_P(LoadTest, APathWithoutGuidIsWalkedFromTheTopLevelAndLeavesOtherFoldersAlone) {
+    InsertDir(*this, "Other", 0, "");
+    const std::int64_t projects = InsertDir(*this, "Projects", 0, "");
+    auto admin = NewAdmin(GlobalPluginGUID, "Projects,2024");
+    admin->Directories()->ChildDirectoryCount();
+    EXPECT_EQ(admin->Directories()->Titel(), "2024");
+    EXPECT_EQ(RowCount("docadmindir"), 3);
+    EXPECT_EQ(RowCount("docadmindir", "title", TVariant("Other")), 1);
+    auto year = Set("docadmindir");
+    AddFilter(year->GetFilters(), "title", TVariant("2024"));
+    year->Open();
+    ASSERT_EQ(year->GetRecordCount(), 1);
+    EXPECT_EQ(year->ValueByName(0, "parentdirid").GetRealValue(), projects);
+    EXPECT_EQ(admin->Directories()->DirID(), year->GetDBIDByRecNo(0));
 }
 
 DB_INSTANTIATE(LoadTest);
