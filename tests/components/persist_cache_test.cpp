@@ -49,7 +49,6 @@ TEST_F(UniqueFolderCacheTest, LoadMakesAStoredChildFromTheNewestEntry) {
     EXPECT_EQ(cache.FolderCount(kP2), 1);
     // Plug-in keys are taken exactly as given.
     EXPECT_EQ(cache.FolderCount("{11111111-1111-4111-8111-111111111111}"), 1);
-    TDocDirectory other(nullptr);
     EXPECT_FALSE(cache.LoadUniqueFolder(kP1, "Other#Records", dest));
 
     TDocDirectory* target = dest->AddChildDirectory();
