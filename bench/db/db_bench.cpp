@@ -2,7 +2,7 @@
 // (IDBSQLStatement, TKRRecordSet) and once directly through the database's C API, in autocommit
 // and in one transaction, and prints the times and the ratio layer / raw.
 //
-//   db_bench --rows 20000 --dir /tmp/x [--pg CONNINFO] [--repeat 3]
+//   db_bench --rows 20000 --dir /tmp/x [--pg CONNINFO] [--repeat 3] [--modes both]
 //
 // Both sides write the same rows: four values plus the host record columns (dates, user ids and
 // a fresh GUID per row), and read all columns of all rows into memory.
@@ -254,6 +254,7 @@ void Best(TTimes& best, const TTimes& t) {
 
 int main(int argc, char** argv) {
     int rows = 20000, repeat = 3;
+    std::string modes = "both";  // "autocommit", "transaction" or "both"
     std::string dir = "/tmp/docadmin_db_bench", pg;
     for (int i = 1; i + 1 < argc; i += 2) {
         const std::string a = argv[i];
@@ -261,6 +262,7 @@ int main(int argc, char** argv) {
         if (a == "--dir") dir = argv[i + 1];
         if (a == "--pg") pg = argv[i + 1];
         if (a == "--repeat") repeat = std::atoi(argv[i + 1]);
+        if (a == "--modes") modes = argv[i + 1];
     }
     std::filesystem::create_directories(dir);
     try {
@@ -271,6 +273,7 @@ int main(int argc, char** argv) {
         std::printf("%-11s %-12s %-26s %-26s %s\n", "backend", "mode", "layer", "raw API", "ratio");
         for (const auto& backend : backends) {
             for (bool tx : {false, true}) {
+                if (modes != "both" && modes != (tx ? "transaction" : "autocommit")) continue;
                 TTimes layer, raw;
                 for (int run = 0; run < repeat; ++run) {
                     // A fresh table for each side and run: the tables are created by the layer.

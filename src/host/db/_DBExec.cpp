@@ -1,6 +1,7 @@
 #include "_DBExec.h"
 
 #include <algorithm>
+#include <unordered_map>
 
 #include "_DBSQLBuilder.h"
 #include "_TKRSQLDeleteNotifyListener.h"
@@ -69,44 +70,85 @@ std::int64_t DeleteWhere(TDBConnection& conn, const IDBFieldSchema& cat, const T
 
 }  // namespace
 
-std::int64_t DBExecInsert(IDBInterface& ADB, std::int64_t ATransactionID, const TDBTableDef& ATable,
-                          const TClientSQLFields& AFields) {
-    TSQLBuild b(ADB.GetDialect(), *ADB.GetFieldSchema());
-    std::string cols;
-    std::string vals;
-    auto add = [&](const TDBFieldDef& f, const TVariant& v) {
-        if (!cols.empty()) {
-            cols += ", ";
-            vals += ", ";
-        }
-        cols += TDBDialect::QuoteName(f.Name);
-        vals += b.AddParam(ConvertForField(v, f));
-    };
-    bool given[6] = {};  // creadate, creaid, lastchangedtsp, lastchangedid, globalrecuid
+namespace {
+
+// The SQL of an insert depends only on the table, the dialect and the names of the given fields;
+// statements that insert row after row reuse it instead of building it again.
+struct TInsertPlan {
+    std::string SQL;
+    std::vector<const TDBFieldDef*> Given;   // the caller's fields, in their order
+    std::vector<const TDBFieldDef*> Filled;  // host columns the layer fills
+};
+
+const TInsertPlan& InsertPlan(const TDBDialect& dialect, const TDBTableDef& table,
+                              const TClientSQLFields& fields) {
+    thread_local std::unordered_map<std::string, TInsertPlan> cache;
+    std::string key;
+    key.reserve(64);
+    key += std::to_string(table.Serial);
+    key += dialect.Kind() == TDBBackendKind::bkSQLite ? 's' : 'p';
+    for (int i = 0; i < fields.Count(); ++i) {
+        key += fields.GetItems(i)->GetFieldName();
+        key += ',';
+        if (fields.GetItems(i)->GetFieldName() == "globalrecuid")
+            key += fields.GetItems(i)->GetValue().AsString().empty() ? '0' : '1';
+    }
+    auto it = cache.find(key);
+    if (it != cache.end()) return it->second;
+
+    TInsertPlan plan;
+    bool given[5] = {};
     static const char* const hostCols[] = {"creadate", "creaid", "lastchangedtsp", "lastchangedid",
                                            "globalrecuid"};
-    for (int i = 0; i < AFields.Count(); ++i) {
-        const TClientSQLField& fld = *AFields.GetItems(i);
-        const TDBFieldDef& f = RequireField(ATable, fld.GetFieldName());
+    for (int i = 0; i < fields.Count(); ++i) {
+        const TClientSQLField& fld = *fields.GetItems(i);
+        const TDBFieldDef& f = RequireField(table, fld.GetFieldName());
         if (f.IsKey)
-            throw EDBException("The key field \"" + f.Name + "\" of \"" + ATable.SchemaName +
+            throw EDBException("The key field \"" + f.Name + "\" of \"" + table.SchemaName +
                                "\" is assigned by the database");
         for (int h = 0; h < 5; ++h)
             if (f.Name == hostCols[h]) given[h] = !(h == 4 && fld.GetValue().AsString().empty());
-        add(f, fld.GetValue());
+        plan.Given.push_back(&f);
     }
+    for (int h = 0; h < 5; ++h)
+        if (!given[h]) plan.Filled.push_back(&RequireField(table, hostCols[h]));
+    std::string cols, vals;
+    int n = 0;
+    for (const auto* list : {&plan.Given, &plan.Filled}) {
+        for (const TDBFieldDef* f : *list) {
+            cols += (n ? ", " : "") + TDBDialect::QuoteName(f->Name);
+            vals += (n ? ", " : "") + dialect.Placeholder(n + 1);
+            ++n;
+        }
+    }
+    plan.SQL = "INSERT INTO " + TDBDialect::QuoteName(table.SQLTableName) + " (" + cols +
+               ") VALUES (" + vals + ") RETURNING " + TDBDialect::QuoteName(table.KeyField().Name);
+    if (cache.size() > 256) cache.clear();
+    return cache.emplace(std::move(key), std::move(plan)).first->second;
+}
+
+}  // namespace
+
+std::int64_t DBExecInsert(IDBInterface& ADB, std::int64_t ATransactionID, const TDBTableDef& ATable,
+                          const TClientSQLFields& AFields) {
+    const TInsertPlan& plan = InsertPlan(ADB.GetDialect(), ATable, AFields);
+    std::vector<TDBParam> params(plan.Given.size() + plan.Filled.size());
+    size_t n = 0;
+    for (; n < plan.Given.size(); ++n)
+        params[n].Value =
+            ConvertForField(AFields.GetItems(static_cast<int>(n))->GetValue(), *plan.Given[n]);
     const TDateTime now = Now();
     const long long user = GetDBCurrentUserID();
-    if (!given[0]) add(RequireField(ATable, "creadate"), TVariant::FromDate(now));
-    if (!given[1]) add(RequireField(ATable, "creaid"), TVariant(user));
-    if (!given[2]) add(RequireField(ATable, "lastchangedtsp"), TVariant::FromDate(now));
-    if (!given[3]) add(RequireField(ATable, "lastchangedid"), TVariant(user));
-    if (!given[4]) add(RequireField(ATable, "globalrecuid"), TVariant(CreateGUIDString()));
-    const std::string sql = "INSERT INTO " + TDBDialect::QuoteName(ATable.SQLTableName) + " (" +
-                            cols + ") VALUES (" + vals + ") RETURNING " +
-                            TDBDialect::QuoteName(ATable.KeyField().Name);
+    for (const TDBFieldDef* f : plan.Filled) {
+        if (f->Name == "globalrecuid")
+            params[n++].Value = TVariant(CreateGUIDString());
+        else if (f->Kind == TDBFieldKind::fkDate)
+            params[n++].Value = TVariant::FromDate(now);
+        else
+            params[n++].Value = TVariant(user);
+    }
     TDBResult result;
-    Run(ADB, ATransactionID, sql, b.Params, &result);
+    Run(ADB, ATransactionID, plan.SQL, params, &result);
     if (result.Rows.empty() || result.Rows[0].empty())
         throw EDBException("Insert into \"" + ATable.SQLTableName + "\" returned no key");
     return result.Rows[0][0].AsInt64();

@@ -1,5 +1,8 @@
 #include "_DBSQLBuilder.h"
 
+#include <charconv>
+#include <cstring>
+
 #include "_TKRACLDataTableController.h"
 
 namespace docadmin {
@@ -14,6 +17,24 @@ std::string UpperASCII(std::string s) {
 
 bool IsTextKind(TDBFieldKind k) {
     return k == TDBFieldKind::fkString || k == TDBFieldKind::fkMemo;
+}
+
+// "1,2,-3" without blanks or quotes; false for anything else.
+bool ParseIntegerList(const std::string& text, std::vector<TVariant>& out) {
+    if (text.empty()) return true;
+    const char* p = text.data();
+    const char* end = p + text.size();
+    while (p <= end) {
+        const char* comma =
+            static_cast<const char*>(std::memchr(p, ',', static_cast<size_t>(end - p)));
+        if (!comma) comma = end;
+        std::int64_t v = 0;
+        auto [q, ec] = std::from_chars(p, comma, v);
+        if (ec != std::errc() || q != comma) return false;
+        out.emplace_back(static_cast<long long>(v));
+        p = comma + 1;
+    }
+    return true;
 }
 
 std::string Comparison(TSQLBuild& b, const TDBTableDef& table, const std::string& alias,
@@ -64,7 +85,11 @@ std::string Comparison(TSQLBuild& b, const TDBTableDef& table, const std::string
         case ftInList:
         case ftNotInList: {
             std::vector<TVariant> items;
-            if (!v.IsNull()) {
+            if (!v.IsNull() && !upper && IsIntegerFieldKind(field.Kind) &&
+                ParseIntegerList(v.AsString(), items)) {
+                // plain numbers: parsed directly
+            } else if (!v.IsNull()) {
+                items.clear();
                 const std::string text = v.AsString();
                 for (auto& s : SplitStrictCommaText(text)) {
                     TVariant item(std::move(s));

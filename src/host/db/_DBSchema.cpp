@@ -1,6 +1,7 @@
 #include "_DBSchema.h"
 
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -235,6 +236,8 @@ std::shared_ptr<TDBFieldSchema> TDBFieldSchema::Load(const std::string& AFolder)
 }
 
 void TDBFieldSchema::AddTable(TDBTableDef ADef) {
+    static std::atomic<std::uint64_t> serial{0};
+    ADef.Serial = ++serial;
     std::string key = Lower(ADef.SchemaName);
     FTables[key] = std::make_shared<const TDBTableDef>(std::move(ADef));
 }

@@ -84,6 +84,9 @@ struct TDBIndexDef {
 
 // One table description as read from its JSON file.
 struct TDBTableDef {
+    // Unique among all descriptions of the process (set when a catalogue takes it); caches key
+    // on it.
+    std::uint64_t Serial = 0;
     std::string SchemaName;
     std::string SQLTableName;
     std::string Caption;

@@ -40,10 +40,10 @@ std::int64_t TVariant::AsInt64() const {
             return 0;
         case TVarType::vtInteger:
         case TVarType::vtInt64:
-            return FInt;
+            return FNum.Int;
         case TVarType::vtFloat:
         case TVarType::vtDate:
-            return static_cast<std::int64_t>(std::llround(FFloat));
+            return static_cast<std::int64_t>(std::llround(FNum.Float));
         case TVarType::vtString: {
             std::int64_t i = 0;
             if (TryStrToInt64(FStr, i)) return i;
@@ -61,10 +61,10 @@ double TVariant::AsFloat() const {
             return 0.0;
         case TVarType::vtInteger:
         case TVarType::vtInt64:
-            return static_cast<double>(FInt);
+            return static_cast<double>(FNum.Int);
         case TVarType::vtFloat:
         case TVarType::vtDate:
-            return FFloat;
+            return FNum.Float;
         case TVarType::vtString: {
             double d = 0;
             if (TryStrToFloat(FStr, d)) return d;
@@ -80,10 +80,10 @@ std::string TVariant::AsString() const {
             return {};
         case TVarType::vtInteger:
         case TVarType::vtInt64:
-            return std::to_string(FInt);
+            return std::to_string(FNum.Int);
         case TVarType::vtFloat:
         case TVarType::vtDate:
-            return FloatToStrExact(FFloat);
+            return FloatToStrExact(FNum.Float);
         case TVarType::vtString:
             return FStr;
     }
@@ -93,7 +93,7 @@ std::string TVariant::AsString() const {
 bool operator==(const TVariant& a, const TVariant& b) {
     if (a.IsNull() || b.IsNull()) return a.IsNull() && b.IsNull();
     if (a.IsString() || b.IsString()) return a.IsString() && b.IsString() && a.FStr == b.FStr;
-    if (a.IsIntegral() && b.IsIntegral()) return a.FInt == b.FInt;
+    if (a.IsIntegral() && b.IsIntegral()) return a.FNum.Int == b.FNum.Int;
     return a.AsFloat() == b.AsFloat();
 }
 

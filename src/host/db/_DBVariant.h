@@ -20,11 +20,11 @@ class TVariant {
   public:
     TVariant() = default;
     TVariant(std::nullptr_t) {}
-    TVariant(int v) : FType(TVarType::vtInteger), FInt(v) {}
-    TVariant(long v) : FType(TVarType::vtInt64), FInt(v) {}
-    TVariant(long long v) : FType(TVarType::vtInt64), FInt(v) {}
-    TVariant(double v) : FType(TVarType::vtFloat), FFloat(v) {}
-    TVariant(bool v) : FType(TVarType::vtInteger), FInt(v ? 1 : 0) {}
+    TVariant(int v) : FType(TVarType::vtInteger) { FNum.Int = v; }
+    TVariant(long v) : FType(TVarType::vtInt64) { FNum.Int = v; }
+    TVariant(long long v) : FType(TVarType::vtInt64) { FNum.Int = v; }
+    TVariant(double v) : FType(TVarType::vtFloat) { FNum.Float = v; }
+    TVariant(bool v) : FType(TVarType::vtInteger) { FNum.Int = v ? 1 : 0; }
     TVariant(std::string v) : FType(TVarType::vtString), FStr(std::move(v)) {}
     TVariant(const char* v) : FType(TVarType::vtString), FStr(v) {}
     static TVariant FromDate(TDateTime d) {
@@ -49,8 +49,8 @@ class TVariant {
     bool AsBoolean() const { return AsInt64() != 0; }
 
     // Direct access without conversion; valid only for the matching type.
-    std::int64_t RawInt() const { return FInt; }
-    double RawFloat() const { return FFloat; }
+    std::int64_t RawInt() const { return FNum.Int; }
+    double RawFloat() const { return FNum.Float; }
     const std::string& RawString() const { return FStr; }
 
     // Same type class and value; null equals only null. Integers and floats compare by number.
@@ -58,8 +58,10 @@ class TVariant {
 
   private:
     TVarType FType = TVarType::vtNull;
-    std::int64_t FInt = 0;
-    double FFloat = 0.0;
+    union {
+        std::int64_t Int;  // vtInteger, vtInt64
+        double Float;      // vtFloat, vtDate
+    } FNum{0};
     std::string FStr;
 };
 

@@ -41,30 +41,39 @@ void TOrderFields::SetOrder(const std::string& AFieldName, bool AAscending, bool
 
 // TFieldDataAccess
 
-TVariant TFieldDataAccess::GetAsVariant() const {
+const TVariant& TFieldDataAccess::Cell() const {
     const auto& col = FSet->FColumns[static_cast<size_t>(FColumn)];
     const auto& row = FSet->FRows[static_cast<size_t>(FRecNo)];
     return row[static_cast<size_t>(col.DisplayIndex >= 0 ? col.DisplayIndex : FColumn)];
 }
 
+const TVariant& TFieldDataAccess::Raw() const {
+    return FSet->FRows[static_cast<size_t>(FRecNo)][static_cast<size_t>(FColumn)];
+}
+
+TVariant TFieldDataAccess::GetAsVariant() const {
+    return Cell();
+}
+
 std::string TFieldDataAccess::GetAsString() const {
-    return GetAsVariant().AsString();
+    const TVariant& v = Cell();
+    return v.IsString() ? v.RawString() : v.AsString();
 }
 
 std::int64_t TFieldDataAccess::GetAsInteger() const {
-    return GetRealValue();
+    return Raw().AsInt64();
 }
 
 double TFieldDataAccess::GetAsFloat() const {
-    return FSet->FRows[static_cast<size_t>(FRecNo)][static_cast<size_t>(FColumn)].AsFloat();
+    return Raw().AsFloat();
 }
 
 std::int64_t TFieldDataAccess::GetRealValue() const {
-    return FSet->FRows[static_cast<size_t>(FRecNo)][static_cast<size_t>(FColumn)].AsInt64();
+    return Raw().AsInt64();
 }
 
 bool TFieldDataAccess::IsNull() const {
-    return FSet->FRows[static_cast<size_t>(FRecNo)][static_cast<size_t>(FColumn)].IsNull();
+    return Raw().IsNull();
 }
 
 void TFieldDataAccess::SetAsString(const std::string& AValue) const {

@@ -112,6 +112,8 @@ class TFieldDataAccess {
     void SetAsVariant(const TVariant& AValue) const;
 
   private:
+    const TVariant& Cell() const;  // the display value of a lookup, else the stored value
+    const TVariant& Raw() const;
     void Write(TVariant AValue) const;
     TKRCustomRecordSet* FSet;
     int FRecNo;
