@@ -3,6 +3,7 @@
 #include <iostream>
 #include <memory>
 
+#include "_DocFileLoaderChoice.h"
 #include "_TDocFileLoaderLocFile.h"
 #include "commands.h"
 #include "host_options.h"
@@ -17,24 +18,9 @@ struct StoreOptions {
     bool plain = false;    // upload uncompressed, as the user setting "NoCompression" does
 };
 
-// The store kind of the selected database, as the document module chooses it. Only the local
-// kinds are built here; a cloud kind is named in the error. "remote" needs a live server
-// connection, which a command has not, so it falls back to the local store as the module does.
+// The store that the module would use for this host, configured.
 std::unique_ptr<TBaseDocFileLoader> OpenStore(THost& host, const StoreOptions& o) {
-    IVantrelDatabaseRepository* repo = host.GetDatabaseRepository();
-    const std::string kind =
-        o.offline ? std::string()
-                  : repo->ReadDatabaseSetting(repo->SelectedDatabaseIndex(), "DocumentsRepType");
-    std::unique_ptr<TBaseDocFileLoader> store;
-    if (kind == "azureblobstorage" || kind == "awssimplestorage")
-        throw Exception("the store kind \"" + kind + "\" is not available to this command");
-    if (o.server)
-        store = std::make_unique<TDocFileLoaderLocServer>(nullptr);
-    else
-        store = std::make_unique<TDocFileLoaderLocFile>(nullptr);
-    store->SetMainInterface(&host);
-    store->LoadSettings(o.offline);
-    return store;
+    return CreateConfiguredDocFileLoader(&host, o.offline);
 }
 
 void AddCommon(CLI::App* cmd, StoreOptions& o) {
@@ -66,7 +52,11 @@ static CommandRegistrar reg([](CLI::App& app) {
             throw Exception("the server's store always compresses; --no-compression can't apply");
         auto host = Host(opts);
         auto s = OpenStore(*host, opts);
-        if (opts.plain) static_cast<TDocFileLoaderLocFile&>(*s).SetUseCompression(false);
+        if (opts.plain) {
+            auto* local = dynamic_cast<TDocFileLoaderLocFile*>(s.get());
+            if (!local) throw Exception("--no-compression applies to the local store only");
+            local->SetUseCompression(false);
+        }
         std::cout << s->UploadFile(file, remote, remote.empty() ? upmNew : upmChange) << "\n";
     });
 
