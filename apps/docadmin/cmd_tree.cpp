@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "_TDocFileLoaderLocFile.h"
 #include "_TKRRecordSet.h"
 #include "_Tools.h"
 #include "commands.h"
@@ -91,6 +92,9 @@ void RunImport(const ImportOptions& o) {
 
     TTreeSession session(o.Tree);
     TDBDocAdmin& admin = session.Admin();
+    // The local store flushes all files in one go before the commit instead of one by one.
+    auto* local = dynamic_cast<TDocFileLoaderLocFile*>(admin.DocFileLoader());
+    if (local != nullptr) local->SetDeferFlush(true);
     session.BeginTransaction();
     TerminalProgress progress("import", total >= ProgressThreshold);
     std::size_t saved = 0;
@@ -103,6 +107,7 @@ void RunImport(const ImportOptions& o) {
         };
         admin.SaveChanges();
         admin.OnChangeDocumentState = nullptr;
+        if (local != nullptr) local->FlushUploads();
         session.Commit();
     } catch (...) {
         admin.OnChangeDocumentState = nullptr;

@@ -99,7 +99,7 @@ TECLFileStream::TECLFileStream(const std::string& FileName, std::uint16_t Mode,
 }
 
 TECLFileStream::~TECLFileStream() {
-    if (fStream && !bReadOnly) {
+    if (fStream && !bReadOnly && FSyncOnClose) {
         try {
             fStream->Flush();
         } catch (const std::exception&) {

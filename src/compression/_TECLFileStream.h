@@ -54,8 +54,10 @@ class TECLFileStream : public TECLAdvCompressedStream {
   public:
     TECLFileStream(const std::string& FileName, std::uint16_t Mode, const std::string& Password,
                    TECLCompressionLevel compressLevel, std::int32_t CustomHeaderSize = 0);
-    // Flushes the file to the disk when it was opened for writing.
+    // Flushes the file to the disk when it was opened for writing (unless SetSyncOnClose(false)).
     ~TECLFileStream() override;
+    // False leaves the flush to the caller, who syncs many files at once.
+    void SetSyncOnClose(bool AValue) { FSyncOnClose = AValue; }
 
     // Rewrites the file at the new level through FileName + ".bak"; nothing happens when the
     // level is the same or the file was opened with mode 0.
@@ -73,6 +75,7 @@ class TECLFileStream : public TECLAdvCompressedStream {
     std::unique_ptr<TFileStream> fStream;
     std::uint16_t FMode = 0;
     std::string FFileName;
+    bool FSyncOnClose = true;
 };
 
 }  // namespace docadmin

@@ -97,6 +97,7 @@ bool TBaseDocFileLoader::CompressFile(const std::string& Source, const std::stri
     };
     if (AMode == cmCompress) {
         TECLFileStream stream(Dest, fmCreate, "", zlibMax, 0);
+        stream.SetSyncOnClose(FSyncCompressedFiles);
         stream.OnProgress = progress;
         stream.LoadFromFile(Source);
         return true;

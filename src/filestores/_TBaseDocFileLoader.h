@@ -100,6 +100,9 @@ class TBaseDocFileLoader : public TPluginBaseComponent {
     // Progress of the container stream: 0 is the start, 100 the end, anything else a step.
     void CompressProgress(TObject* Sender, double PercentDone);
 
+    // Whether CompressFile flushes the container it writes to the disk before it returns.
+    bool FSyncCompressedFiles = true;
+
   private:
     std::string FCompressionFile;  // source of the compress step now running
     TCompressMode FCompressionMode = cmCompress;

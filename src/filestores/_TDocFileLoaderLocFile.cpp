@@ -172,8 +172,20 @@ void TDocFileLoaderLocFile::SeedFromOldRoot(const std::string& AOldRoot) {
 
 void TDocFileLoaderLocFile::CommitUpload(const std::string& TempFile, const std::string& Target) {
     if (::rename(TempFile.c_str(), Target.c_str()) != 0) ThrowErrno("rename " + TempFile);
+    if (FDeferFlush) {
+        FUnflushed = true;
+        return;
+    }
     // Make the rename itself durable.
     FlushPath(FFilePath, O_RDONLY | O_DIRECTORY);
+}
+
+void TDocFileLoaderLocFile::FlushUploads() {
+    if (!FUnflushed) return;
+    Fd dir(::open(FFilePath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (dir.fd < 0) ThrowErrno("open " + FFilePath);
+    if (::syncfs(dir.fd) != 0) ThrowErrno("flush " + FFilePath);
+    FUnflushed = false;
 }
 
 std::string TDocFileLoaderLocFile::UploadFile(const std::string& LocalFileName,
@@ -188,7 +200,7 @@ std::string TDocFileLoaderLocFile::UploadFile(const std::string& LocalFileName,
     try {
         if (FUseCompression) {
             CompressFile(LocalFileName, temp, cmCompress);
-            FlushPath(temp, O_RDONLY);
+            if (!FDeferFlush) FlushPath(temp, O_RDONLY);
             CommitUpload(temp, target);
         } else {
             try {
@@ -199,7 +211,7 @@ std::string TDocFileLoaderLocFile::UploadFile(const std::string& LocalFileName,
                 Fd out(::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
                 if (out.fd < 0) ThrowErrno("create " + temp);
                 CopyAll(in.fd, out.fd);
-                if (::fsync(out.fd) != 0) ThrowErrno("flush " + temp);
+                if (!FDeferFlush && ::fsync(out.fd) != 0) ThrowErrno("flush " + temp);
             } catch (const std::exception&) {
                 throw EKRUserMessageException("Local file " + LocalFileName +
                                               " not found. Can't save to repository!");

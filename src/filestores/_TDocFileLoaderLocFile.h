@@ -41,6 +41,18 @@ class TDocFileLoaderLocFile : public TBaseDocFileLoader {
     bool UseCompression() const { return FUseCompression; }
     void SetUseCompression(bool Value) { FUseCompression = Value; }
 
+    // Batched durability for bulk work: with ADefer set, uploads still go through a temporary
+    // file and a rename, but skip their own flushes to disk; FlushUploads then flushes all that
+    // was written since, in one sync of the file system. A caller that commits rows naming the
+    // uploaded files calls FlushUploads before its commit, so that no row reaches the disk before
+    // its file. (A killed process loses nothing either way: only a power loss can.)
+    void SetDeferFlush(bool ADefer) {
+        FDeferFlush = ADefer;
+        FSyncCompressedFiles = !ADefer;
+    }
+    bool DeferFlush() const { return FDeferFlush; }
+    void FlushUploads();
+
   protected:
     std::string RemotePath(const std::string& RemoteFile) const {
         return FFilePath + "/" + RemoteFile;
@@ -53,6 +65,8 @@ class TDocFileLoaderLocFile : public TBaseDocFileLoader {
 
     std::string FFilePath;
     bool FUseCompression = true;
+    bool FDeferFlush = false;
+    bool FUnflushed = false;  // uploads since the last flush when FDeferFlush is set
 };
 
 class TDocFileLoaderLocServer : public TDocFileLoaderLocFile {
