@@ -31,7 +31,15 @@ struct TDBParam {
 struct TDBResult {
     bool WantColumnNames = false;
     std::vector<std::string> Columns;
-    std::vector<std::vector<TVariant>> Rows;
+    // The cells row by row, ColumnCount per row.
+    int ColumnCount = 0;
+    std::vector<TVariant> Cells;
+
+    int RowCount() const { return ColumnCount ? static_cast<int>(Cells.size()) / ColumnCount : 0; }
+    const TVariant& At(int ARow, int AColumn) const {
+        return Cells[static_cast<size_t>(ARow) * static_cast<size_t>(ColumnCount) +
+                     static_cast<size_t>(AColumn)];
+    }
 };
 
 class TDBConnection {

@@ -123,7 +123,7 @@ class TDBDatabase : public TInterfacedObject, public IDBInterface {
                                           TDBDialect::QuoteName(t.KeyField().Name) + " = " +
                                           FDialect.Placeholder(1),
                                       {p}, &r);
-        return r.Rows.empty() ? std::string() : r.Rows[0][0].AsString();
+        return r.RowCount() == 0 ? std::string() : r.At(0, 0).AsString();
     }
 
     std::int64_t GetDBIDByRecordUID(const std::string& ASQLTableName,
@@ -137,7 +137,7 @@ class TDBDatabase : public TInterfacedObject, public IDBInterface {
                                           " WHERE " + TDBDialect::QuoteName("globalrecuid") +
                                           " = " + FDialect.Placeholder(1),
                                       {p}, &r);
-        return r.Rows.empty() ? 0 : r.Rows[0][0].AsInt64();
+        return r.RowCount() == 0 ? 0 : r.At(0, 0).AsInt64();
     }
 
     std::int64_t BeginTransaction() override {

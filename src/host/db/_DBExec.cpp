@@ -85,7 +85,7 @@ const TInsertPlan& InsertPlan(const TDBDialect& dialect, const TDBTableDef& tabl
     thread_local std::unordered_map<std::string, TInsertPlan> cache;
     std::string key;
     key.reserve(64);
-    key += std::to_string(table.Serial);
+    key.append(reinterpret_cast<const char*>(&table.Serial), sizeof table.Serial);
     key += dialect.Kind() == TDBBackendKind::bkSQLite ? 's' : 'p';
     for (int i = 0; i < fields.Count(); ++i) {
         key += fields.GetItems(i)->GetFieldName();
@@ -149,9 +149,9 @@ std::int64_t DBExecInsert(IDBInterface& ADB, std::int64_t ATransactionID, const 
     }
     TDBResult result;
     Run(ADB, ATransactionID, plan.SQL, params, &result);
-    if (result.Rows.empty() || result.Rows[0].empty())
+    if (result.RowCount() == 0)
         throw EDBException("Insert into \"" + ATable.SQLTableName + "\" returned no key");
-    return result.Rows[0][0].AsInt64();
+    return result.At(0, 0).AsInt64();
 }
 
 std::int64_t DBExecUpdate(IDBInterface& ADB, std::int64_t ATransactionID, const TDBTableDef& ATable,

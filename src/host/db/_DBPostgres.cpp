@@ -108,13 +108,12 @@ class TPGConnection : public TDBConnection {
             std::vector<Oid> types(static_cast<size_t>(cols));
             for (int c = 0; c < cols; ++c)
                 types[static_cast<size_t>(c)] = PQftype(r.R, c);
-            AResult->Rows.reserve(AResult->Rows.size() + static_cast<size_t>(rows));
-            for (int i = 0; i < rows; ++i) {
-                std::vector<TVariant>& row = AResult->Rows.emplace_back();
-                row.reserve(static_cast<size_t>(cols));
+            AResult->ColumnCount = cols;
+            AResult->Cells.reserve(AResult->Cells.size() +
+                                   static_cast<size_t>(rows) * static_cast<size_t>(cols));
+            for (int i = 0; i < rows; ++i)
                 for (int c = 0; c < cols; ++c)
-                    row.push_back(Cell(r.R, i, c, types[static_cast<size_t>(c)]));
-            }
+                    AResult->Cells.push_back(Cell(r.R, i, c, types[static_cast<size_t>(c)]));
         }
         // Writes with RETURNING answer tuples too; a select changes nothing.
         if (ASQL.rfind("SELECT", 0) == 0) return 0;
@@ -131,8 +130,8 @@ class TPGConnection : public TDBConnection {
             "current_schema() AND table_name = $1",
             {p}, &r);
         std::vector<std::string> cols;
-        for (const auto& row : r.Rows)
-            cols.push_back(row[0].AsString());
+        for (int i = 0; i < r.RowCount(); ++i)
+            cols.push_back(r.At(i, 0).AsString());
         return cols;
     }
 

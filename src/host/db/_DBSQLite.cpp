@@ -2,6 +2,7 @@
 // statements cached by SQL text.
 #include <sqlite3.h>
 
+#include <charconv>
 #include <unordered_map>
 
 #include "_DBBackend.h"
@@ -39,6 +40,7 @@ void AppendJSONString(std::string& out, const std::string& s) {
 // A list parameter as a JSON array for json_each.
 std::string ListToJSON(const std::vector<TVariant>& items) {
     std::string r = "[";
+    r.reserve(items.size() * 8 + 2);
     for (size_t i = 0; i < items.size(); ++i) {
         if (i) r += ',';
         const TVariant& v = items[i];
@@ -46,9 +48,11 @@ std::string ListToJSON(const std::vector<TVariant>& items) {
             r += "null";
         else if (v.IsString())
             AppendJSONString(r, v.RawString());
-        else if (v.IsIntegral())
-            r += std::to_string(v.RawInt());
-        else
+        else if (v.IsIntegral()) {
+            char buf[24];
+            auto [end, ec] = std::to_chars(buf, buf + sizeof buf, v.RawInt());
+            r.append(buf, end);
+        } else
             r += FloatToStrExact(v.AsFloat());
     }
     return r + "]";
@@ -138,13 +142,13 @@ class TSQLiteConnection : public TDBConnection {
         if (AResult && AResult->WantColumnNames && AResult->Columns.empty())
             for (int c = 0; c < cols; ++c)
                 AResult->Columns.emplace_back(sqlite3_column_name(stmt, c));
+        if (AResult) AResult->ColumnCount = cols;
         for (;;) {
             const int rc = sqlite3_step(stmt);
             if (rc == SQLITE_DONE) break;
             if (rc != SQLITE_ROW) throw EDBSQLError(sqlite3_errmsg(FDB));
             if (!AResult) continue;
-            std::vector<TVariant>& row = AResult->Rows.emplace_back();
-            row.reserve(static_cast<size_t>(cols));
+            std::vector<TVariant>& row = AResult->Cells;
             for (int c = 0; c < cols; ++c) {
                 switch (sqlite3_column_type(stmt, c)) {
                     case SQLITE_INTEGER:
@@ -173,30 +177,41 @@ class TSQLiteConnection : public TDBConnection {
         TDBParam p;
         p.Value = TVariant(ASQLTableName);
         Execute("SELECT name FROM pragma_table_info(?1)", {p}, &r);
-        for (const auto& row : r.Rows)
-            cols.push_back(row[0].AsString());
+        for (int i = 0; i < r.RowCount(); ++i)
+            cols.push_back(r.At(i, 0).AsString());
         return cols;
     }
 
   private:
     sqlite3_stmt* Prepare(const std::string& sql) {
+        // Row-by-row work repeats one statement: try the last one before hashing.
+        if (FLast && FLastSQL == sql) return FLast;
         auto it = FCache.find(sql);
-        if (it != FCache.end()) return it->second;
+        if (it != FCache.end()) {
+            FLastSQL = sql;
+            FLast = it->second;
+            return FLast;
+        }
         if (FCache.size() >= kMaxCachedStatements) {
             for (auto& [s, stmt] : FCache)
                 sqlite3_finalize(stmt);
             FCache.clear();
+            FLast = nullptr;
         }
         sqlite3_stmt* stmt = nullptr;
         if (sqlite3_prepare_v3(FDB, sql.c_str(), static_cast<int>(sql.size()),
                                SQLITE_PREPARE_PERSISTENT, &stmt, nullptr) != SQLITE_OK)
             throw EDBSQLError(std::string(sqlite3_errmsg(FDB)) + " [" + sql + "]");
         FCache.emplace(sql, stmt);
+        FLastSQL = sql;
+        FLast = stmt;
         return stmt;
     }
 
     sqlite3* FDB = nullptr;
     std::unordered_map<std::string, sqlite3_stmt*> FCache;
+    std::string FLastSQL;
+    sqlite3_stmt* FLast = nullptr;
 };
 
 }  // namespace

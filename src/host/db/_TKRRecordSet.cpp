@@ -43,12 +43,11 @@ void TOrderFields::SetOrder(const std::string& AFieldName, bool AAscending, bool
 
 const TVariant& TFieldDataAccess::Cell() const {
     const auto& col = FSet->FColumns[static_cast<size_t>(FColumn)];
-    const auto& row = FSet->FRows[static_cast<size_t>(FRecNo)];
-    return row[static_cast<size_t>(col.DisplayIndex >= 0 ? col.DisplayIndex : FColumn)];
+    return FSet->RowPtr(FRecNo)[col.DisplayIndex >= 0 ? col.DisplayIndex : FColumn];
 }
 
 const TVariant& TFieldDataAccess::Raw() const {
-    return FSet->FRows[static_cast<size_t>(FRecNo)][static_cast<size_t>(FColumn)];
+    return FSet->RowPtr(FRecNo)[FColumn];
 }
 
 TVariant TFieldDataAccess::GetAsVariant() const {
@@ -100,7 +99,7 @@ void TFieldDataAccess::Write(TVariant AValue) const {
     auto& col = FSet->FColumns[static_cast<size_t>(FColumn)];
     if (!col.Def) throw EDBException("Column \"" + col.Name + "\" can't be written");
     if (col.Def->IsKey) throw EDBException("The key field \"" + col.Name + "\" can't be written");
-    auto& row = FSet->FRows[static_cast<size_t>(FRecNo)];
+    TVariant* row = FSet->RowPtr(FRecNo);
     row[static_cast<size_t>(FColumn)] = CellValue(AValue, *col.Def);
     // The display value of a lookup is unknown until the set is opened again.
     if (col.DisplayIndex >= 0) row[static_cast<size_t>(col.DisplayIndex)] = TVariant();
@@ -257,13 +256,15 @@ void TKRCustomRecordSet::Open() {
         conn->Execute(sql, b.Params, &result);
     }
     FColumns = std::move(columns);
-    FRows = std::move(result.Rows);
+    FRowWidth = static_cast<size_t>(result.ColumnCount);
+    const int rowCount = result.RowCount();
+    FCells = std::move(result.Cells);
     for (size_t c = 0; c < FColumns.size(); ++c) {
         if (!FColumns[c].Def || FColumns[c].Def->Kind != TDBFieldKind::fkDate) continue;
-        for (auto& row : FRows)
-            if (row[c].IsNumeric()) row[c] = TVariant::FromDate(row[c].AsFloat());
+        for (size_t i = c; i < FCells.size(); i += FRowWidth)
+            if (FCells[i].IsNumeric()) FCells[i] = TVariant::FromDate(FCells[i].AsFloat());
     }
-    FChanged.assign(FRows.size(), {});
+    FChanged.assign(static_cast<size_t>(rowCount), {});
     FActive = true;
 }
 
@@ -278,7 +279,7 @@ void TKRCustomRecordSet::Close() {
         TKRCustomRecordSet& S;
         ~Clear() {
             S.FActive = false;
-            S.FRows.clear();
+            S.FCells.clear();
             S.FChanged.clear();
             S.FColumns.clear();
         }
@@ -310,7 +311,7 @@ void TKRCustomRecordSet::CheckColumn(int AColumn) const {
 }
 
 int TKRCustomRecordSet::GetRecordCount() const {
-    return static_cast<int>(FRows.size());
+    return static_cast<int>(FChanged.size());
 }
 
 int TKRCustomRecordSet::GetFieldCount() const {
@@ -357,14 +358,14 @@ TFieldDataAccess TKRCustomRecordSet::ValueByName(int ARecNo, const std::string& 
 
 std::int64_t TKRCustomRecordSet::GetDBIDByRecNo(int ARecNo) const {
     CheckRecNo(ARecNo);
-    return FRows[static_cast<size_t>(ARecNo)][0].AsInt64();
+    return RowPtr(ARecNo)[0].AsInt64();
 }
 
 void TKRCustomRecordSet::SaveRecordNumber(int ARecNo, bool, bool) {
     CheckRecNo(ARecNo);
     auto& changed = FChanged[static_cast<size_t>(ARecNo)];
     if (changed.empty()) return;
-    const auto& row = FRows[static_cast<size_t>(ARecNo)];
+    const TVariant* row = RowPtr(ARecNo);
     TClientSQLFields fields;
     for (size_t c = 0; c < changed.size(); ++c)
         if (changed[c]) fields.AddField(FColumns[c].Name, row[c]);
@@ -382,7 +383,9 @@ void TKRCustomRecordSet::DeleteRecord(int ARecNo, bool, int) {
     filters.AddFilter(RequireSchema()->GetKeyFieldName(),
                       TVariant(static_cast<long long>(GetDBIDByRecNo(ARecNo))));
     DBExecDelete(*GetDatabase(), FDBATransactionID, RequireSchema()->GetTableDef(), filters);
-    FRows.erase(FRows.begin() + ARecNo);
+    const auto first =
+        FCells.begin() + static_cast<std::ptrdiff_t>(static_cast<size_t>(ARecNo) * FRowWidth);
+    FCells.erase(first, first + static_cast<std::ptrdiff_t>(FRowWidth));
     FChanged.erase(FChanged.begin() + ARecNo);
 }
 
@@ -390,8 +393,8 @@ int TKRCustomRecordSet::FindLocalRecord(int AColumn, const TVariant& AValue,
                                         bool ACaseInsensitive) const {
     CheckColumn(AColumn);
     const size_t c = static_cast<size_t>(AColumn);
-    for (size_t r = 0; r < FRows.size(); ++r) {
-        const TVariant& cell = FRows[r][c];
+    for (int r = 0; r < GetRecordCount(); ++r) {
+        const TVariant& cell = RowPtr(r)[c];
         bool equal;
         if (cell.IsNull() || AValue.IsNull())
             equal = cell.IsNull() && AValue.IsNull();
@@ -401,7 +404,7 @@ int TKRCustomRecordSet::FindLocalRecord(int AColumn, const TVariant& AValue,
             equal = SameTextCI(cell.AsString(), AValue.AsString());
         else
             equal = cell.AsString() == AValue.AsString();
-        if (equal) return static_cast<int>(r);
+        if (equal) return r;
     }
     return -1;
 }

@@ -212,7 +212,13 @@ class TKRCustomRecordSet : public TPluginBaseComponent {
 
     bool FActive = false;
     std::vector<TColumn> FColumns;
-    std::vector<std::vector<TVariant>> FRows;
+    // The cells row by row: FRowWidth per row (visible columns, then lookup display values).
+    std::vector<TVariant> FCells;
+    size_t FRowWidth = 0;
+    TVariant* RowPtr(int ARecNo) { return FCells.data() + static_cast<size_t>(ARecNo) * FRowWidth; }
+    const TVariant* RowPtr(int ARecNo) const {
+        return FCells.data() + static_cast<size_t>(ARecNo) * FRowWidth;
+    }
     std::vector<std::vector<bool>> FChanged;  // per row; empty while the row is unchanged
 };
 
