@@ -650,10 +650,11 @@ void TDocDirectoryRoot::LoadRoot() {
             }
             if (!found) found = uniqueIndex >= 0 ? FChildDirectories.front() : this;
             for (size_t i = static_cast<size_t>(uniqueIndex + 1); i < path.size(); ++i) {
+                // Through the lazy accessors: a folder found by title has not read its children.
                 TDocDirectory* next = nullptr;
-                for (TDocDirectory* c : found->FChildDirectories)
-                    if (c->FTitle == path[i]) {
-                        next = c;
+                for (std::int32_t c = 0, n = found->ChildDirectoryCount(); c < n; ++c)
+                    if (found->GetChildDirectorys(c)->FTitle == path[i]) {
+                        next = found->GetChildDirectorys(c);
                         break;
                     }
                 if (!next) {

@@ -313,6 +313,24 @@ TEST_P(LoadTest, APathWithoutGuidIsWalkedFromTheTopLevelAndLeavesOtherFoldersAlo
     EXPECT_EQ(admin->Directories()->DirID(), year->GetDBIDByRecNo(0));
 }
 
+TEST_P(LoadTest, AFolderBelowThePluginFolderIsFoundAgainNotMadeTwice) {
+    const std::string path = "\"" + kPlugin + "\",Archive#Records,2024";
+    std::int64_t first = 0;
+    {
+        auto admin = NewAdmin(kPlugin, path);
+        admin->Directories()->ChildDirectoryCount();
+        EXPECT_EQ(admin->Directories()->Titel(), "2024");
+        first = admin->Directories()->DirID();
+    }
+    EXPECT_EQ(RowCount("docadmindir"), 3);
+    // The plug-in folder is found by title; the levels below it load lazily while the path is
+    // walked, so the existing folders are reused.
+    auto admin = NewAdmin(kPlugin, path);
+    admin->Directories()->ChildDirectoryCount();
+    EXPECT_EQ(admin->Directories()->DirID(), first);
+    EXPECT_EQ(RowCount("docadmindir"), 3);
+}
+
 DB_INSTANTIATE(LoadTest);
 
 }  // namespace
