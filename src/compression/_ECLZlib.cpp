@@ -28,8 +28,24 @@ void ZCompressBuf(const std::uint8_t* data, std::size_t len, int zlevel,
                   std::vector<std::uint8_t>& out) {
     if (len == 0 || len > std::numeric_limits<uInt>::max() || zlevel < 1 || zlevel > 9)
         throw ECompressionError("error");
-    z_stream zs{};
-    if (::deflateInit(&zs, zlevel) != Z_OK) throw ECompressionError("error");
+    // One deflate state per thread and level, reset between blocks: setting one up allocates a
+    // few hundred KiB, which would dominate the cost of packing many small files.
+    struct DeflaterCache {
+        z_stream zs[10] = {};
+        bool ready[10] = {};
+        ~DeflaterCache() {
+            for (int l = 0; l < 10; ++l)
+                if (ready[l]) ::deflateEnd(&zs[l]);
+        }
+    };
+    thread_local DeflaterCache cache;
+    z_stream& zs = cache.zs[zlevel];
+    if (!cache.ready[zlevel]) {
+        if (::deflateInit(&zs, zlevel) != Z_OK) throw ECompressionError("error");
+        cache.ready[zlevel] = true;
+    } else if (::deflateReset(&zs) != Z_OK) {
+        throw ECompressionError("error");
+    }
     out.resize(::deflateBound(&zs, static_cast<uLong>(len)));
     zs.next_in = const_cast<Bytef*>(data);
     zs.avail_in = static_cast<uInt>(len);
@@ -37,7 +53,6 @@ void ZCompressBuf(const std::uint8_t* data, std::size_t len, int zlevel,
     zs.avail_out = static_cast<uInt>(out.size());
     const int rc = ::deflate(&zs, Z_FINISH);
     const uLong produced = zs.total_out;
-    ::deflateEnd(&zs);
     if (rc != Z_STREAM_END) throw ECompressionError("error");
     out.resize(produced);
 }

@@ -237,9 +237,10 @@ void TECLBaseStream::LoadFromStream(TStream& Source) {
     FNoProgress = false;
     DoProgress(0);
     const std::int64_t size = Source.Size();
-    std::vector<std::uint8_t> buf(static_cast<std::size_t>(FBlockSize));
+    std::vector<std::uint8_t> buf(static_cast<std::size_t>(
+        std::max<std::int64_t>(1, std::min<std::int64_t>(FBlockSize, size))));
     while (Source.Position() < size) {
-        const std::int32_t n = Source.Read(buf.data(), FBlockSize);
+        const std::int32_t n = Source.Read(buf.data(), static_cast<std::int32_t>(buf.size()));
         if (n <= 0) break;
         FNoProgress = true;
         WriteBuffer(buf.data(), n);
@@ -595,13 +596,16 @@ std::int32_t TECLStream::Write(const void* Buffer, std::int32_t Count) {
     for (; i <= lastIndex && (i <= Last || Grown); ++i) {
         DoProgress(progress);
         progress += 50.0 / steps;
-        std::vector<std::uint8_t> plain;
-        if (i <= OldLast) {
-            plain = UnpackBlock(i, ReadPackedBlock(i), i == OldLast);
-            plain.resize(static_cast<std::size_t>(bs), 0);
-        } else {
-            plain.assign(static_cast<std::size_t>(bs), 0);
+        std::int64_t trueSize = bs;
+        if (i == lastIndex) {
+            trueSize = FTrueSize % bs;
+            if (trueSize == 0) trueSize = bs;
         }
+        // The block's plain bytes, no more than it will hold: a short last block doesn't pay
+        // for a whole block of zeros.
+        std::vector<std::uint8_t> plain;
+        if (i <= OldLast) plain = UnpackBlock(i, ReadPackedBlock(i), i == OldLast);
+        plain.resize(static_cast<std::size_t>(trueSize), 0);
         if (i <= Last) {
             // The part of the written range that falls into this block, taken from the same
             // distance into the caller's buffer.
@@ -613,11 +617,6 @@ std::int32_t TECLStream::Write(const void* Buffer, std::int32_t Count) {
         }
         TECLHeader& h = headers.Items[static_cast<std::size_t>(i)];
         const std::uint32_t oldPacked = i <= OldLast ? h.packedSize : 0;
-        std::int64_t trueSize = bs;
-        if (i == lastIndex) {
-            trueSize = FTrueSize % bs;
-            if (trueSize == 0) trueSize = bs;
-        }
         std::vector<std::uint8_t> packed;
         PrepareBufferForWriting(plain.data(), static_cast<std::int32_t>(trueSize), h, packed);
         const std::uint32_t prevNext =
@@ -719,7 +718,9 @@ void TECLStream::SaveToStream(TStream& Target) {
 
 void TECLStream::LoadFromStream(TStream& Source) {
     CheckModified();
-    if (HasBlocks() && FThreads > 1 && ECLZlibLevelOf(FCompressionLevel) > 0) {
+    // Worker threads pay off only from the second block on; a small file is deflated inline.
+    if (HasBlocks() && FThreads > 1 && ECLZlibLevelOf(FCompressionLevel) > 0 &&
+        Source.Size() > FHeader.BlockSize) {
         ParallelLoadFromStream(Source);
         return;
     }
@@ -767,8 +768,9 @@ void TECLStream::ParallelLoadFromStream(TStream& Source) {
 
     auto readChunk = [&](std::vector<std::uint8_t>& buf) -> std::int32_t {
         std::int32_t got = 0;
-        while (got < bs) {
-            const std::int32_t n = Source.Read(buf.data() + got, bs - got);
+        const auto want = static_cast<std::int32_t>(buf.size());
+        while (got < want) {
+            const std::int32_t n = Source.Read(buf.data() + got, want - got);
             if (n <= 0) break;
             got += n;
         }
@@ -780,7 +782,10 @@ void TECLStream::ParallelLoadFromStream(TStream& Source) {
                 sourceDone = true;
                 break;
             }
-            auto buf = std::make_shared<std::vector<std::uint8_t>>(static_cast<std::size_t>(bs));
+            // The last block may be short: its buffer is no larger than what is left.
+            const std::int64_t left = size - Source.Position();
+            auto buf = std::make_shared<std::vector<std::uint8_t>>(
+                static_cast<std::size_t>(std::min<std::int64_t>(bs, left)));
             const std::int32_t got = readChunk(*buf);
             if (got <= 0) {
                 sourceDone = true;

@@ -82,6 +82,14 @@ std::int64_t TStream::CopyFrom(TStream& Source, std::int64_t Count) {
 
 // ---- THandleStream
 
+THandleStream::THandleStream(int handle) : FHandle(handle) {
+    if (FHandle >= 0) {
+        const off_t pos = ::lseek(FHandle, 0, SEEK_CUR);
+        FSeekable = pos >= 0;
+        FPos = FSeekable ? pos : 0;
+    }
+}
+
 std::int64_t THandleStream::GetSize() {
     struct stat st {};
     if (::fstat(FHandle, &st) != 0) return -1;
@@ -99,11 +107,13 @@ std::int32_t THandleStream::Read(void* Buffer, std::int32_t Count) {
     if (Count <= 0) return 0;
     std::int32_t done = 0;
     while (done < Count) {
-        const ssize_t n =
-            ::read(FHandle, static_cast<char*>(Buffer) + done, static_cast<size_t>(Count - done));
+        char* at = static_cast<char*>(Buffer) + done;
+        const auto want = static_cast<size_t>(Count - done);
+        const ssize_t n = FSeekable ? ::pread(FHandle, at, want, FPos) : ::read(FHandle, at, want);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) break;
         done += static_cast<std::int32_t>(n);
+        FPos += n;
     }
     return done;
 }
@@ -112,20 +122,31 @@ std::int32_t THandleStream::Write(const void* Buffer, std::int32_t Count) {
     if (Count <= 0) return 0;
     std::int32_t done = 0;
     while (done < Count) {
-        const ssize_t n = ::write(FHandle, static_cast<const char*>(Buffer) + done,
-                                  static_cast<size_t>(Count - done));
+        const char* at = static_cast<const char*>(Buffer) + done;
+        const auto want = static_cast<size_t>(Count - done);
+        const ssize_t n =
+            FSeekable ? ::pwrite(FHandle, at, want, FPos) : ::write(FHandle, at, want);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) break;
         done += static_cast<std::int32_t>(n);
+        FPos += n;
     }
     return done;
 }
 
 std::int64_t THandleStream::Seek(std::int64_t Offset, TSeekOrigin Origin) {
-    const int whence = Origin == TSeekOrigin::soBeginning ? SEEK_SET
-                       : Origin == TSeekOrigin::soCurrent ? SEEK_CUR
-                                                          : SEEK_END;
-    return ::lseek(FHandle, Offset, whence);
+    if (!FSeekable) {
+        const int whence = Origin == TSeekOrigin::soBeginning ? SEEK_SET
+                           : Origin == TSeekOrigin::soCurrent ? SEEK_CUR
+                                                              : SEEK_END;
+        return ::lseek(FHandle, Offset, whence);
+    }
+    const std::int64_t base = Origin == TSeekOrigin::soBeginning ? 0
+                              : Origin == TSeekOrigin::soCurrent ? FPos
+                                                                 : GetSize();
+    if (base + Offset < 0) return -1;
+    FPos = base + Offset;
+    return FPos;
 }
 
 // ---- TFileStream

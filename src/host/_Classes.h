@@ -66,10 +66,12 @@ inline constexpr std::uint16_t fmShareExclusive = 0x0010;
 inline constexpr std::uint16_t fmShareDenyWrite = 0x0020;
 inline constexpr std::uint16_t fmShareDenyNone = 0x0040;
 
-// A stream on an open file descriptor.
+// A stream on an open file descriptor. The position is kept here and reads and writes go to it
+// with pread/pwrite, so moving around costs no system call; a descriptor that cannot seek (a pipe)
+// falls back to plain read and write.
 class THandleStream : public TStream {
   public:
-    explicit THandleStream(int handle) : FHandle(handle) {}
+    explicit THandleStream(int handle);
     int Handle() const { return FHandle; }
 
     std::int64_t GetSize() override;
@@ -80,6 +82,8 @@ class THandleStream : public TStream {
 
   protected:
     int FHandle = -1;
+    std::int64_t FPos = 0;
+    bool FSeekable = true;
 };
 
 // A stream on a named file. fmCreate creates or truncates; otherwise the file must exist.
