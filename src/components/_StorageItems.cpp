@@ -136,6 +136,10 @@ TDocDirectory::TDocDirectory(TDocDirectory* AParent) : FParentDir(AParent) {}
 TDocDirectory::~TDocDirectory() {
     if (TBaseDocAdmin* admin = DocAdmin()) admin->RemoveFromPendingList(this);
     SetParentDir(nullptr);
+    // Held directories deleted from this list still point here; they outlive us detached.
+    for (TDocDirectory* child : FDetachedChildren)
+        child->FParentDir = nullptr;
+    FDetachedChildren.clear();
     DetachAndFreeChildren();
 }
 
@@ -261,6 +265,7 @@ std::string TDocDirectory::Path() const {
 }
 
 void TDocDirectory::SetParentDir(TDocDirectory* AParent) {
+    if (FParentDir) ExtractFrom(FParentDir->FDetachedChildren, this);
     if (FParentDir && ExtractFrom(FParentDir->FChildDirectories, this))
         FParentDir->NotifyChildCountChanged(lsChildDirectoriesLoaded);
     FParentDir = AParent;
@@ -377,10 +382,12 @@ void TDocDirectory::MoveContentTo(TDocDirectory* ADestDir, bool ARespectLoadingS
 void TDocDirectory::DeleteDirectory(std::int32_t ADirectoryIndex) {
     TDocDirectory* d = FChildDirectories.at(static_cast<size_t>(ADirectoryIndex));
     FChildDirectories.erase(FChildDirectories.begin() + ADirectoryIndex);
-    // A held directory keeps its parent link, so that it can still tell where it was.
-    if (d->RefCount() >= 2)
+    // A held directory keeps its parent link, so that it can still tell where it was; the
+    // parent remembers it, to cut that link should the parent go first.
+    if (d->RefCount() >= 2) {
+        FDetachedChildren.push_back(d);
         d->_Release();
-    else
+    } else
         FreeItem(d);
 }
 

@@ -291,6 +291,8 @@ class TDocDirectory : public TCustomStorageItem, public IRessource, public IDire
     std::string FPlugin;
     std::vector<TDocDirectory*> FChildDirectories;  // owned (one reference each)
     std::vector<TDocument*> FDocuments;             // owned (one reference each)
+    // Deleted from FChildDirectories while held elsewhere, still linked here; not owned.
+    std::vector<TDocDirectory*> FDetachedChildren;
     TLoadingStateSet FLoadingState;
 };
 

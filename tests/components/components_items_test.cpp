@@ -116,6 +116,23 @@ TEST_F(ItemsTest, DeletingHeldChildrenFromTheListKeepsThemAlive) {
     heldDoc.reset();
 }
 
+TEST_F(ItemsTest, DeletedHeldDirectoryLosesItsLinkWhenTheParentGoesFirst) {
+    IPtr<IDirectory> held;
+    {
+        TTestDocAdmin admin;
+        TDocDirectory* d = admin.AddDirectory(nullptr, "d");
+        TDocDirectory* sub = admin.AddDirectory(d, "sub");
+        held = IPtr<IDirectory>(static_cast<IDirectory*>(sub));
+        d->DeleteDirectory(0);
+        EXPECT_EQ(held->Get_ParentDir().get(), static_cast<IDirectory*>(d));
+    }
+    // The parent and its tree are gone; the held directory must not reach them.
+    EXPECT_EQ(held->Get_ParentDir(), nullptr);
+    EXPECT_EQ(held->Get_Title(), "sub");
+    EXPECT_EQ(IntfToDirectory(held.get())->Plugin(), "");
+    held.reset();
+}
+
 TEST_F(ItemsTest, ChangeStateSetterRemembersTheStateBeforeDelete) {
     TTestDocAdmin admin;
     admin.SetAutoSave(false);
