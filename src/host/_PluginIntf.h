@@ -45,7 +45,8 @@ class IVantrelDatabaseRepository {
     virtual int OfflineDatabaseIndex() = 0;
     // A per-database setting ("DocumentsPath", "AccountName", ...); empty when not set.
     virtual std::string ReadDatabaseSetting(int AIndex, const std::string& AKey) = 0;
-    // Expands path macros such as "$UserDocuments$".
+    // Expands path macros such as "$UserDocuments$"; a relative result is taken from the data
+    // folder.
     virtual std::string ExpandPathMacros(const std::string& APath) = 0;
     // The folder behind the default "docroot" of the selected database's local documents.
     virtual std::string DefaultDocRootFolder() = 0;

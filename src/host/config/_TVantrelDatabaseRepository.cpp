@@ -64,6 +64,8 @@ std::string TVantrelDatabaseRepository::ExpandPathMacros(const std::string& APat
         }
         if (!replaced) out += APath[i++];
     }
+    // A relative folder is taken from the data folder, not from wherever the program runs.
+    if (!out.empty() && out.front() != '/') out = FConfig.DataDir() + "/" + out;
     return out;
 }
 

@@ -238,6 +238,7 @@ DocumentsPath = "$UserDocuments$offlinedocroot"
               FData + "/a/" + FData + "/userdocs/b");
     EXPECT_EQ(r.ExpandPathMacros("/x/$Other$/$"), "/x/$Other$/$");
     EXPECT_EQ(r.ExpandPathMacros(""), "");
+    EXPECT_EQ(r.ExpandPathMacros("documents"), FData + "/documents");
     EXPECT_EQ(r.DefaultDocRootFolder(), FData + "/docroot");
     EXPECT_EQ(r.SeedDocRootFolder(), FData + "/seed");
 }
