@@ -1,15 +1,33 @@
 #!/usr/bin/env bash
 # The tree verbs of docadmin end to end: import, ls (text, --json, --where), get, export with
 # masks, replace with and without archive, versions, rm, mkdir, record folders and exit codes.
-# Runs in a private data folder with the built-in defaults (SQLite and the local store).
-#   tests/apps/tree_verbs_test.sh path/to/docadmin
+# Runs in a private data folder with the built-in defaults (SQLite and the local store), or with
+# "postgresql" on a schema of its own in the test server named by DOCADMIN_PG_CONNINFO_FILE.
+#   tests/apps/tree_verbs_test.sh path/to/docadmin [sqlite|postgresql]
 set -uo pipefail
 bin=$(realpath "$1")
+backend=${2:-sqlite}
 work=$(mktemp -d /tmp/docadmin-apps.XXXXXX)
 trap 'rm -rf "$work"' EXIT
 export DOCADMIN_DATA=$work/data
 unset DOCADMIN_CONFIG
 cd "$work"
+
+if [[ $backend == postgresql ]]; then
+    file=${DOCADMIN_PG_CONNINFO_FILE:-}
+    if [[ -z $file || ! -s $file ]]; then
+        echo "no PostgreSQL test server" >&2
+        [[ ${CI:-} == true ]] && exit 1
+        exit 77  # skipped
+    fi
+    conninfo=$(cat "$file")
+    schema="apps_$$_$RANDOM"
+    psql "$conninfo" -qc "create schema $schema" || exit 1
+    trap 'psql "$conninfo" -qc "drop schema $schema cascade" >/dev/null 2>&1; rm -rf "$work"' EXIT
+    mkdir -p "$DOCADMIN_DATA"
+    printf '[databases.main]\nbackend = "postgresql"\nconninfo = "%s options=%s"\n' \
+        "$conninfo" "'-csearch_path=$schema'" >"$DOCADMIN_DATA/docadmin.toml"
+fi
 
 failures=0
 fail() {
