@@ -12,15 +12,9 @@ TVariant Int(std::int64_t v) {
     return TVariant(static_cast<long long>(v));
 }
 
-std::string Lower(std::string s) {
-    for (char& c : s)
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return s;
-}
-
 bool IsHostColumnOrKey(const std::string& AName, const std::string& AKey) {
-    const std::string n = Lower(AName);
-    return n == Lower(AKey) || n == "creadate" || n == "creaid" || n == "lastchangedtsp" ||
+    const std::string n = LowerCase(AName);
+    return n == LowerCase(AKey) || n == "creadate" || n == "creaid" || n == "lastchangedtsp" ||
            n == "lastchangedid" || n == "globalrecuid";
 }
 

@@ -8,15 +8,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Runs a step when the scope ends, also by an exception.
-template <class F>
-struct TFinally {
-    F f;
-    ~TFinally() { f(); }
-};
-template <class F>
-TFinally(F) -> TFinally<F>;
-
 // Frees an item that has left its list; a held one lives on detached.
 void DropItem(TCustomStorageItem* AItem) {
     if (AItem->RefCount() > 1)

@@ -8,14 +8,6 @@ namespace docadmin {
 
 namespace {
 
-template <class F>
-struct TFinally {
-    F f;
-    ~TFinally() { f(); }
-};
-template <class F>
-TFinally(F) -> TFinally<F>;
-
 TVariant Int(std::int64_t v) {
     return TVariant(static_cast<long long>(v));
 }

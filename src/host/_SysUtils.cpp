@@ -1,5 +1,6 @@
 #include "_SysUtils.h"
 
+#include <charconv>
 #include <chrono>
 #include <cmath>
 #include <ctime>
@@ -8,6 +9,36 @@ namespace docadmin {
 
 void Assert(bool condition, const char* text) {
     if (!condition) throw EAssertionFailed(text);
+}
+
+std::string LowerCase(std::string s) {
+    for (char& c : s)
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    return s;
+}
+
+std::string UpperCase(std::string s) {
+    for (char& c : s)
+        if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+    return s;
+}
+
+bool TryStrToInt64(const std::string& s, std::int64_t& out) {
+    if (s.empty()) return false;
+    const char* b = s.data();
+    const char* e = b + s.size();
+    if (*b == '+') ++b;
+    const auto [p, ec] = std::from_chars(b, e, out);
+    return ec == std::errc() && p == e && b != e;
+}
+
+bool StrToBoolDef(const std::string& s, bool Default) {
+    const std::string t = LowerCase(s);
+    if (t == "true" || t == "yes" || t == "on") return true;
+    if (t == "false" || t == "no" || t == "off") return false;
+    std::int64_t n = 0;
+    if (TryStrToInt64(t, n)) return n != 0;
+    return Default;
 }
 
 namespace {

@@ -70,6 +70,24 @@ class EVTLRestServiceError : public Exception {
 // release builds: they guard the tree's invariants, which are cheap to check.
 void Assert(bool condition, const char* text = "Assertion failed");
 
+// ASCII case folding; bytes outside A-Z / a-z (UTF-8 sequences included) stay as they are.
+std::string LowerCase(std::string s);
+std::string UpperCase(std::string s);
+// A whole decimal integer with an optional sign; false on anything else (spaces included).
+bool TryStrToInt64(const std::string& s, std::int64_t& out);
+// "true"/"yes"/"on" and "false"/"no"/"off" in any case, or a number (not 0 is true); otherwise
+// the default.
+bool StrToBoolDef(const std::string& s, bool Default);
+
+// Runs a step when the scope ends, also when an exception leaves it: the "finally" of a block.
+template <class F>
+struct TFinally {
+    F f;
+    ~TFinally() { f(); }
+};
+template <class F>
+TFinally(F) -> TFinally<F>;
+
 // Days since 1899-12-30 00:00 in local time; the fraction is the time of day.
 using TDateTime = double;
 

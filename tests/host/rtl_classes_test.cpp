@@ -104,3 +104,25 @@ TEST(TDateTimeTest, UnixRoundTripAndEpoch) {
 
 }  // namespace
 }  // namespace docadmin
+
+namespace docadmin {
+namespace {
+
+TEST(SysUtilsTest, NumbersAndFlagsFromText) {
+    std::int64_t n = 7;
+    EXPECT_TRUE(TryStrToInt64("+42", n));
+    EXPECT_EQ(n, 42);
+    EXPECT_TRUE(TryStrToInt64("-9223372036854775808", n));
+    for (const char* bad : {"", "+", "-", " 1", "1 ", "12a", "99999999999999999999"})
+        EXPECT_FALSE(TryStrToInt64(bad, n)) << bad;
+    EXPECT_TRUE(StrToBoolDef("YES", false));
+    EXPECT_FALSE(StrToBoolDef("Off", true));
+    EXPECT_TRUE(StrToBoolDef("2", false));
+    EXPECT_FALSE(StrToBoolDef("0", true));
+    EXPECT_TRUE(StrToBoolDef("maybe", true));
+    EXPECT_EQ(LowerCase("AbC-Ä"), "abc-Ä");  // only ASCII letters fold
+    EXPECT_EQ(UpperCase("abc"), "ABC");
+}
+
+}  // namespace
+}  // namespace docadmin

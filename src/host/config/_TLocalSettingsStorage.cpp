@@ -1,27 +1,8 @@
 #include "_TLocalSettingsStorage.h"
 
-#include <charconv>
 #include <utility>
 
 namespace docadmin {
-
-namespace {
-
-std::string Lower(std::string s) {
-    for (char& c : s)
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    return s;
-}
-
-bool ParseInt64(const std::string& s, std::int64_t& out) {
-    const char* b = s.data();
-    const char* e = b + s.size();
-    if (b != e && *b == '+') ++b;
-    const auto r = std::from_chars(b, e, out);
-    return r.ec == std::errc() && r.ptr == e && b != e;
-}
-
-}  // namespace
 
 TLocalSettingsStorage::TLocalSettingsStorage(const TDocAdminConfig& AConfig)
     : TLocalSettingsStorage(AConfig.LocalSettings(), AConfig.SaveFileName()) {}
@@ -42,7 +23,7 @@ std::int64_t TLocalSettingsStorage::ReadInt64(const std::string& ASection,
     std::lock_guard lock(FLock);
     const TLocalSettingValue* v = Find(ASection, AKey);
     std::int64_t n = 0;
-    if (!v || !ParseInt64(v->Text, n)) return 0;
+    if (!v || !TryStrToInt64(v->Text, n)) return 0;
     return n;
 }
 
@@ -51,12 +32,7 @@ bool TLocalSettingsStorage::ReadBool(const std::string& ASection, const std::str
     std::lock_guard lock(FLock);
     const TLocalSettingValue* v = Find(ASection, AKey);
     if (!v) return ADefault;
-    const std::string t = Lower(v->Text);
-    if (t == "true" || t == "yes" || t == "on") return true;
-    if (t == "false" || t == "no" || t == "off") return false;
-    std::int64_t n = 0;
-    if (ParseInt64(t, n)) return n != 0;
-    return ADefault;
+    return StrToBoolDef(v->Text, ADefault);
 }
 
 std::string TLocalSettingsStorage::ReadString(const std::string& ASection, const std::string& AKey,

@@ -15,12 +15,6 @@ const std::vector<std::pair<std::string, std::string>>& BuiltInSchemaFiles();
 
 namespace {
 
-std::string Lower(std::string s) {
-    for (char& c : s)
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return s;
-}
-
 // Names reach SQL text: only lower-case letters, digits and "_", starting with a letter or "_".
 bool IsPlainName(const std::string& s) {
     if (s.empty() || s.size() > 63) return false;
@@ -162,16 +156,16 @@ TDBTableDef ParseTableDef(const std::string& AJsonText, const std::string& ASour
     TDBTableDef def;
     try {
         const auto j = nlohmann::json::parse(AJsonText);
-        def.SchemaName = Lower(j.at("schema").get<std::string>());
-        def.SQLTableName = Lower(j.value("table", def.SchemaName));
+        def.SchemaName = LowerCase(j.at("schema").get<std::string>());
+        def.SQLTableName = LowerCase(j.value("table", def.SchemaName));
         def.Caption = j.value("caption", "");
-        def.DocumentTableName = Lower(j.value("documentTable", ""));
+        def.DocumentTableName = LowerCase(j.value("documentTable", ""));
         if (!IsPlainName(def.SchemaName) || !IsPlainName(def.SQLTableName))
             throw EDBSchemaError(ASourceName + ": invalid schema or table name");
         AddHostColumns(def.Fields);
         for (const auto& jf : j.at("fields")) {
             TDBFieldDef f;
-            f.Name = Lower(jf.at("name").get<std::string>());
+            f.Name = LowerCase(jf.at("name").get<std::string>());
             if (!IsPlainName(f.Name))
                 throw EDBSchemaError(ASourceName + ": invalid field name \"" + f.Name + "\"");
             if (def.FindField(f.Name))
@@ -182,16 +176,16 @@ TDBTableDef ParseTableDef(const std::string& AJsonText, const std::string& ASour
             if (jf.contains("lookup")) {
                 const auto& jl = jf.at("lookup");
                 f.HasLookup = true;
-                f.Lookup.MasterSchema = Lower(jl.at("schema").get<std::string>());
-                f.Lookup.KeyField = Lower(jl.value("key", "id"));
-                f.Lookup.DisplayField = Lower(jl.at("display").get<std::string>());
+                f.Lookup.MasterSchema = LowerCase(jl.at("schema").get<std::string>());
+                f.Lookup.KeyField = LowerCase(jl.value("key", "id"));
+                f.Lookup.DisplayField = LowerCase(jl.at("display").get<std::string>());
             }
             def.Fields.push_back(std::move(f));
         }
         for (const auto& ji : j.value("indexes", nlohmann::json::array())) {
             TDBIndexDef ix;
             for (const auto& jn : ji.at("fields")) {
-                const std::string n = Lower(jn.get<std::string>());
+                const std::string n = LowerCase(jn.get<std::string>());
                 if (!def.FindField(n))
                     throw EDBSchemaError(ASourceName + ": index on unknown field \"" + n + "\"");
                 ix.Fields.push_back(n);
@@ -238,17 +232,17 @@ std::shared_ptr<TDBFieldSchema> TDBFieldSchema::Load(const std::string& AFolder)
 void TDBFieldSchema::AddTable(TDBTableDef ADef) {
     static std::atomic<std::uint64_t> serial{0};
     ADef.Serial = ++serial;
-    std::string key = Lower(ADef.SchemaName);
+    std::string key = LowerCase(ADef.SchemaName);
     FTables[key] = std::make_shared<const TDBTableDef>(std::move(ADef));
 }
 
 const TDBTableDef* TDBFieldSchema::FindTable(const std::string& ASchemaName) const {
-    auto it = FTables.find(Lower(ASchemaName));
+    auto it = FTables.find(LowerCase(ASchemaName));
     return it == FTables.end() ? nullptr : it->second.get();
 }
 
 const TDBTableDef* TDBFieldSchema::FindTableBySQLName(const std::string& ASQLTableName) const {
-    const std::string n = Lower(ASQLTableName);
+    const std::string n = LowerCase(ASQLTableName);
     for (const auto& [k, t] : FTables)
         if (t->SQLTableName == n) return t.get();
     return nullptr;

@@ -9,15 +9,6 @@
 
 namespace docadmin {
 
-bool TryStrToInt64(const std::string& s, std::int64_t& out) {
-    if (s.empty()) return false;
-    const char* b = s.data();
-    const char* e = b + s.size();
-    if (*b == '+') ++b;
-    auto [p, ec] = std::from_chars(b, e, out);
-    return ec == std::errc() && p == e;
-}
-
 bool TryStrToFloat(const std::string& s, double& out) {
     if (s.empty() || std::isspace(static_cast<unsigned char>(s.front()))) return false;
     errno = 0;

@@ -68,7 +68,6 @@ class TVariant {
 // Text of a floating point number that reads back to the same double ("%.17g").
 std::string FloatToStrExact(double v);
 // Strict parse of a whole decimal integer (optional sign, no blanks); false when it is none.
-bool TryStrToInt64(const std::string& s, std::int64_t& out);
 // Strict parse of a whole floating point number; false when it is none.
 bool TryStrToFloat(const std::string& s, double& out);
 

@@ -9,12 +9,6 @@ namespace docadmin {
 
 namespace {
 
-std::string Lower(std::string s) {
-    for (char& c : s)
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return s;
-}
-
 bool SameTextCI(const std::string& a, const std::string& b) {
     return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
                return std::tolower(static_cast<unsigned char>(x)) ==
@@ -143,7 +137,7 @@ IDBFieldSchemaItem* TKRCustomRecordSet::RequireSchema() const {
 }
 
 TRSSelectFieldOption& TKRCustomRecordSet::GetSelectFieldOptions(const std::string& AFieldName) {
-    return FSelectFieldOptions[Lower(AFieldName)];
+    return FSelectFieldOptions[LowerCase(AFieldName)];
 }
 
 void TKRCustomRecordSet::InternalSetFiltersToSchema(TFilterContext) {
@@ -216,7 +210,7 @@ void TKRCustomRecordSet::Open() {
         for (const auto& name : FSelectFields.Items()) {
             if (name.find('.') != std::string::npos) {
                 TColumn c;
-                c.Name = Lower(name);
+                c.Name = LowerCase(name);
                 selects.push_back(masterColumn(name));
                 columns.push_back(std::move(c));
             } else {

@@ -9,12 +9,6 @@ namespace docadmin {
 
 namespace {
 
-std::string Lower(std::string s) {
-    for (char& c : s)
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    return s;
-}
-
 std::function<std::int64_t()> RequireUser(std::function<std::int64_t()> AUserID) {
     Assert(static_cast<bool>(AUserID), "User settings need a user");
     return AUserID;
@@ -61,12 +55,7 @@ bool TDBSettingsStorage::ReadBool(const std::string& ASection, const std::string
                                   bool ADefault) {
     const auto v = Read(ASection, AKey);
     if (!v) return ADefault;
-    const std::string t = Lower(*v);
-    if (t == "true" || t == "yes" || t == "on") return true;
-    if (t == "false" || t == "no" || t == "off") return false;
-    std::int64_t n = 0;
-    if (TryStrToInt64(t, n)) return n != 0;
-    return ADefault;
+    return StrToBoolDef(*v, ADefault);
 }
 
 std::string TDBSettingsStorage::ReadString(const std::string& ASection, const std::string& AKey,
