@@ -11,9 +11,11 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 files=${1:-2000}
-cmake --preset release -B build/release >/dev/null
-cmake --build build/release -j2 --target docadmin >/dev/null
-bin=$PWD/build/release/apps/docadmin/docadmin
+# BENCH_BUILD_DIR picks another build folder than build/release.
+build=${BENCH_BUILD_DIR:-build/release}
+cmake --preset release -B "$build" >/dev/null
+cmake --build "$build" -j2 --target docadmin >/dev/null
+bin=$PWD/$build/apps/docadmin/docadmin
 work=$(mktemp -d "${TMPDIR:-/tmp}/docadmin-treespeed.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 export DOCADMIN_DATA=$work/data
@@ -72,6 +74,7 @@ listed=$(jq '.documents' "$work/ls.json")
 folders=$(jq '.folders' "$work/ls.json")
 queries=$(sed -n 's/^queries: //p' "$work/ls.err")
 
+echo "load average at the end: $(cut -d" " -f1-3 /proc/loadavg)"
 awk -v n="$files" -v tc="$t_cp" -v ti="$t_imp" -v tl="$t_ls" -v tr="$t_lsR" -v ts="$t_sql" \
     -v docs="$listed" -v dirs="$folders" -v q="$queries" 'BEGIN {
     printf "import %d files of 4 KiB into one record (one transaction)\n", n

@@ -13,6 +13,8 @@ namespace docadmin {
 
 namespace {
 
+// Packed blocks up to this size go to the file together with their header in one write.
+constexpr std::size_t kSmallBlock = 16 << 10;
 constexpr const char* kDecompressionError = "TECLStream.LoadBlock - decompression error.";
 constexpr const char* kInvalidSizeError =
     "TECLStream.LoadBlock - decompression error, invalid size.";
@@ -271,9 +273,13 @@ TECLStream::TECLStream(TStream* dataStream, bool bCreate, const std::string& Pas
     if (!dataStream) throw Exception("TECLStream.Create - data stream = nil.");
     FStream = dataStream;
     FFile = std::make_unique<TECLBaseStream>(dataStream);
-    FThreads = std::max(1u, std::thread::hardware_concurrency());
+    // Asked once: the library reads it from the file system on each call.
+    static const unsigned threads = std::max(1u, std::thread::hardware_concurrency());
+    FThreads = threads;
     if (bCreate) {
-        FFile->SetSize(0);
+        // A fresh file is left alone: truncating it costs a call, and on ext4 it also makes the
+        // close start writeback of the file at once.
+        if (FFile->Size() != 0) FFile->SetSize(0);
         if (compressLevel > eclNone) {
             FHeader = TECLStreamHeader{};
             FHeader.BlockSize = ECLBlockSizeOf(compressLevel);
@@ -299,7 +305,17 @@ TECLStream::TECLStream(TStream* dataStream, bool bCreate, const std::string& Pas
     }
     FPassword = Password;
     FFile->Seek(0, TSeekOrigin::soBeginning);
-    ReadHeaders();
+    if (bCreate && compressLevel > eclNone) {
+        // What ReadHeaders would find in the header just written: no blocks yet.
+        headers.SetSize(0);
+        FTrueSize = 0;
+        FHeader.EncMethod = 0;
+        FCompressionLevel = compressLevel;
+        CalcRate();
+        FFile->SetModified(false);
+    } else {
+        ReadHeaders();
+    }
     Seek(0, TSeekOrigin::soBeginning);
     FBlockSize = FHeader.BlockSize;
 }
@@ -492,6 +508,15 @@ void TECLStream::WriteBlock(std::int32_t n, const std::vector<std::uint8_t>& pac
     std::uint8_t raw[kECLBlockHeaderSize];
     headers.Items[static_cast<std::size_t>(n)].Encode(raw);
     FFile->Seek(headers.Positions[static_cast<std::size_t>(n)], TSeekOrigin::soBeginning);
+    if (packed.size() <= kSmallBlock) {
+        // One write instead of two for a small block: the copy costs less than the call.
+        std::uint8_t joined[kECLBlockHeaderSize + kSmallBlock];
+        std::memcpy(joined, raw, kECLBlockHeaderSize);
+        if (!packed.empty())
+            std::memcpy(joined + kECLBlockHeaderSize, packed.data(), packed.size());
+        FFile->WriteBuffer(joined, static_cast<std::int64_t>(kECLBlockHeaderSize + packed.size()));
+        return;
+    }
     FFile->WriteBuffer(raw, kECLBlockHeaderSize);
     FFile->WriteBuffer(packed.data(), static_cast<std::int64_t>(packed.size()));
 }

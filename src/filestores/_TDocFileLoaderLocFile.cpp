@@ -5,7 +5,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <vector>
@@ -103,10 +105,15 @@ void FlushPath(const std::string& path, int flags) {
     if (::fsync(f.fd) != 0) ThrowErrno("flush " + path);
 }
 
-// A fresh name in the target's folder for the content of an upload in progress.
+// A fresh name in the target's folder for the content of an upload in progress: a random token
+// drawn once per process (unique across processes and hosts sharing the folder) and a counter.
 std::string TempNameFor(const std::string& folder, const std::string& remote) {
-    return folder + "/" + kTempPrefix + remote + "." + TBaseDocFileLoader::GenerateNewFileName() +
-           ".tmp";
+    static const std::string token = TBaseDocFileLoader::GenerateNewFileName();
+    static std::atomic<std::uint64_t> counter{0};
+    char tail[24];
+    std::snprintf(tail, sizeof tail, "%llX",
+                  static_cast<unsigned long long>(counter.fetch_add(1) + 1));
+    return folder + "/" + kTempPrefix + remote + "." + token + tail + ".tmp";
 }
 
 }  // namespace

@@ -30,6 +30,28 @@ struct MemContainer {
     }
 };
 
+TEST(ECLStreamTest, CreatingOverOldContentGivesTheSameBytesAsOnAnEmptyStream) {
+    // Small blocks go out with their header in one write, large ones in two; a stream that
+    // already holds bytes is emptied first, an empty one is left as it is.
+    for (const Bytes& data : {MixedData(3000), RandomData(3 * kFast + 100)}) {
+        MemContainer fresh(data);
+        TMemoryStream old;
+        const Bytes junk = RandomData(5 * kFast, 3);
+        old.WriteBuffer(junk.data(), static_cast<std::int64_t>(junk.size()));
+        TECLStream reused(&old, true, "", zlibFastest, 0);
+        EXPECT_EQ(reused.Size(), 0);
+        TMemoryStream src;
+        src.WriteBuffer(data.data(), static_cast<std::int64_t>(data.size()));
+        reused.LoadFromStream(src);
+        EXPECT_EQ(old.Data(), fresh.mem.Data());
+        EXPECT_EQ(fresh.Plain(), data);
+        // A new container opened again reads as written.
+        TECLStream again(&old, false, "", zlibFastest, 0);
+        EXPECT_EQ(again.CompressionLevel(), zlibFastest);
+        EXPECT_EQ(again.Size(), static_cast<std::int64_t>(data.size()));
+    }
+}
+
 TEST(ECLStreamTest, ReadAtTheEndReturnsNothingAndStays) {
     MemContainer c(MixedData(1000));
     EXPECT_EQ(c.s->Seek(0, TSeekOrigin::soEnd), 1000);

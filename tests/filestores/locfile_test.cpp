@@ -251,5 +251,31 @@ TEST_F(LocalStoreTest, CompressedUploadOfAMissingLocalFileLeavesNothingBehind) {
     EXPECT_THAT(ListNames(dir / "repo"), IsEmpty());
 }
 
+TEST_F(LocalStoreTest, ManyUploadsFromTwoStoresLeaveOnlyTheRemoteNames) {
+    // Temporary names are drawn per process; two stores on one folder must still never share one.
+    host->dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
+    auto a = Make();
+    auto b = Make();
+    b->SetUseCompression(false);
+    std::vector<std::string> names;
+    for (int i = 0; i < 20; ++i) {
+        TDocFileLoaderLocFile& s = i % 2 == 0 ? *a : *b;
+        names.push_back(s.UploadFile(LocalFile("n" + std::to_string(i), "new " + std::to_string(i)),
+                                     "", upmNew));
+    }
+    // Both stores rewrite the same name in turn; the last content wins.
+    for (int i = 0; i < 6; ++i) {
+        TDocFileLoaderLocFile& s = i % 2 == 0 ? *a : *b;
+        EXPECT_EQ(s.UploadFile(LocalFile("c", "change " + std::to_string(i)), names[0], upmChange),
+                  names[0]);
+    }
+    EXPECT_EQ(Fetch(*a, names[0]), "change 5");
+    for (int i = 1; i < 20; ++i)
+        EXPECT_EQ(Fetch(*b, names[static_cast<std::size_t>(i)]), "new " + std::to_string(i));
+    std::vector<std::string> sorted = names;
+    std::sort(sorted.begin(), sorted.end());
+    EXPECT_EQ(ListNames(dir / "repo"), sorted) << "no temporary file is left behind";
+}
+
 }  // namespace
 }  // namespace docadmin::test
