@@ -340,10 +340,33 @@ bool TDBDocAdmin::DoSaveChanges() {
         throw Exception("Not all dbsections found! Required sections: " + FDocSection + ", " +
                         FDirSection);
     bool saved = false;
+    if (FDocFileLoader) {
+        // Tell the store what the first pass will upload, so it can prepare the transfers.
+        std::vector<std::string> uploads;
+        CollectUploads(FDirectories, uploads);
+        if (!uploads.empty()) FDocFileLoader->PrepareUploads(uploads);
+    }
+    TFinally endUploads{[this] {
+        if (FDocFileLoader) FDocFileLoader->EndPreparedUploads();
+    }};
     SaveDirectoryTree(*statement, dirItem.get(), docItem.get(), FDirectories, true, saved);
     SaveDirectoryTree(*statement, dirItem.get(), docItem.get(), FDirectories, false, saved);
     RemoveDeletedDirectories(FDirectories);
     return saved;
+}
+
+// The local files that SaveDirectoryTree's first pass uploads, in the order it uploads them:
+// the subdirectories' documents first, depth first, then the directory's own from last to first.
+void TDBDocAdmin::CollectUploads(TDocDirectory* ADirectory, std::vector<std::string>& AFiles) {
+    for (TDocDirectory* child : ADirectory->ChildDirectoriesInMemory())
+        CollectUploads(child, AFiles);
+    const auto& docs = ADirectory->DocumentsInMemory();
+    for (size_t i = docs.size(); i-- > 0;) {
+        const TDocument* doc = docs[i];
+        const TChangeState state = doc->ChangeState();
+        if (state == chAdded || (state == chChanged && doc->FileHasChanged()))
+            AFiles.push_back(doc->LocalFile());
+    }
 }
 
 void TDBDocAdmin::SaveDirectoryTree(IDBSQLStatement& AStatement, IDBFieldSchemaItem* ADirItem,

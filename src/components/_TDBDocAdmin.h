@@ -123,6 +123,7 @@ class TDBDocAdmin : public TBaseDocAdmin {
     // no lookup values for the id columns that the tree only needs as numbers.
     void PrepareLoader(TBaseLoaderRecordSet& ASet, bool ADirectories);
     void QueryDirectories(TDocDirectory* ADirectory, const std::string& AUniqueFolderName);
+    static void CollectUploads(TDocDirectory* ADirectory, std::vector<std::string>& AFiles);
     void SaveDirectoryTree(IDBSQLStatement& AStatement, IDBFieldSchemaItem* ADirItem,
                            IDBFieldSchemaItem* ADocItem, TDocDirectory* ADirectory, bool AAddedPass,
                            bool& ASaved);

@@ -12,6 +12,18 @@ namespace docadmin {
 
 void TBaseDocFileLoader::LoadSettings(bool /*Offline*/) {}
 
+void TBaseDocFileLoader::PrepareUploads(const std::vector<std::string>& /*LocalFiles*/) {}
+
+void TBaseDocFileLoader::EndPreparedUploads() {}
+
+void TBaseDocFileLoader::ReplayCompressProgress(const std::string& Source,
+                                                const std::vector<double>& Values) {
+    FCompressionFile = Source;
+    FCompressionMode = cmCompress;
+    for (double v : Values)
+        CompressProgress(this, v);
+}
+
 void TBaseDocFileLoader::DownloadFileNonBlocked(const std::string& RemoteFile,
                                                 const std::string& DestFileName,
                                                 IDocAdminDownloderCallBack* ACallBack) {

@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "_PluginIntf.h"
 
@@ -68,6 +69,13 @@ class TBaseDocFileLoader : public TPluginBaseComponent {
                                         const std::string& DestFileName,
                                         IDocAdminDownloderCallBack* ACallBack);
 
+    // A hint before a batch of uploads: the local files that the caller will upload next, in
+    // this order. A store may prepare their transfer ahead; the uploads themselves, their order
+    // and their failures stay as without the hint. The base does nothing.
+    virtual void PrepareUploads(const std::vector<std::string>& LocalFiles);
+    // Ends the batch: what was prepared and not uploaded is dropped.
+    virtual void EndPreparedUploads();
+
     // 32 upper-case hexadecimal digits of a new GUID.
     static std::string GenerateNewFileName();
 
@@ -99,6 +107,10 @@ class TBaseDocFileLoader : public TPluginBaseComponent {
     static bool IsGZFile(const std::string& FileName);
     // Progress of the container stream: 0 is the start, 100 the end, anything else a step.
     void CompressProgress(TObject* Sender, double PercentDone);
+
+    // Reports the progress values of a compress step that ran elsewhere for Source, as if
+    // CompressFile had run it now.
+    void ReplayCompressProgress(const std::string& Source, const std::vector<double>& Values);
 
     // Whether CompressFile flushes the container it writes to the disk before it returns.
     bool FSyncCompressedFiles = true;

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <thread>
 #include <vector>
 
 namespace docadmin {
@@ -20,6 +21,9 @@ namespace {
 
 // Temporary files of unfinished uploads start with this; seeding skips them.
 constexpr const char* kTempPrefix = ".~";
+// Prepared containers older than this are left over from a process that ended without cleaning
+// up; younger ones may belong to a batch that is still running.
+constexpr double kStalePreparedSeconds = 3600;
 
 std::string FileNamePart(const std::string& path) {
     return fs::path(path).filename().string();
@@ -155,6 +159,7 @@ void TDocFileLoaderLocServer::LoadSettings(bool /*Offline*/) {
 
 void TDocFileLoaderLocFile::SetFilePath(const std::string& AFilePath, bool AMigrate) {
     IVantrelDatabaseRepository* repo = RepositoryOf(*this);
+    FPreparer.reset();  // its temporaries belong to the old folder
     FFilePath = StripTrailingSeparator(repo ? repo->ExpandPathMacros(AFilePath) : AFilePath);
 
     std::error_code ec;
@@ -210,13 +215,20 @@ std::string TDocFileLoaderLocFile::UploadFile(const std::string& LocalFileName,
     DoTransferStart(FileNamePart(LocalFileName), tmUpload);
     DoTransfer(0, 0, 0);
 
-    const std::string temp = TempNameFor(FFilePath, result);
+    std::string temp;
     try {
-        if (FUseCompression) {
+        std::vector<double> progress;
+        if (FUseCompression && FPreparer && FPreparer->Take(LocalFileName, temp, progress)) {
+            ReplayCompressProgress(LocalFileName, progress);
+            if (!FDeferFlush) FlushPath(temp, O_RDONLY);
+            CommitUpload(temp, target);
+        } else if (FUseCompression) {
+            temp = TempNameFor(FFilePath, result);
             CompressFile(LocalFileName, temp, cmCompress);
             if (!FDeferFlush) FlushPath(temp, O_RDONLY);
             CommitUpload(temp, target);
         } else {
+            temp = TempNameFor(FFilePath, result);
             try {
                 Fd in(::open(LocalFileName.c_str(), O_RDONLY | O_CLOEXEC));
                 if (in.fd < 0) ThrowErrno("open " + LocalFileName);
@@ -237,11 +249,26 @@ std::string TDocFileLoaderLocFile::UploadFile(const std::string& LocalFileName,
         }
     } catch (...) {
         std::error_code ec;
-        fs::remove(temp, ec);
+        if (!temp.empty()) fs::remove(temp, ec);
         throw;
     }
     DoTransferEnd(0);
     return result;
+}
+
+void TDocFileLoaderLocFile::PrepareUploads(const std::vector<std::string>& LocalFiles) {
+    // Worth it only with a second core and something to deflate.
+    static const unsigned cores = std::thread::hardware_concurrency();
+    if (!FUseCompression || cores < 2 || LocalFiles.size() < 2 || FFilePath.empty()) return;
+    if (!FPreparer) {
+        TUploadPreparer::RemoveStaleTemporaries(FFilePath, kStalePreparedSeconds);
+        FPreparer = std::make_unique<TUploadPreparer>(FFilePath);
+    }
+    FPreparer->Start(LocalFiles);
+}
+
+void TDocFileLoaderLocFile::EndPreparedUploads() {
+    if (FPreparer) FPreparer->Stop();
 }
 
 void TDocFileLoaderLocFile::DownloadFile(const std::string& RemoteFile,

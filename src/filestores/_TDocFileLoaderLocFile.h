@@ -6,9 +6,12 @@
 // reader sees either the old or the new content, also when an upmChange is cut short.
 #pragma once
 
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "_TBaseDocFileLoader.h"
+#include "_TUploadPreparer.h"
 
 namespace docadmin {
 
@@ -24,6 +27,12 @@ class TDocFileLoaderLocFile : public TBaseDocFileLoader {
                            TUploadMode Mode) override;
     void DownloadFile(const std::string& RemoteFile, const std::string& DestFileName) override;
     void RemoveFile(const std::string& RemoteFile, const std::string& ADescription) override;
+    // With compression on, compresses the files ahead on a worker thread into hidden temporaries
+    // of the folder; UploadFile then renames a prepared container into place when it was made
+    // from the file as it stands. Prepared temporaries left by an earlier process are removed
+    // when the first batch starts.
+    void PrepareUploads(const std::vector<std::string>& LocalFiles) override;
+    void EndPreparedUploads() override;
 
     // "DocumentsPath" of the repository's selected database; when empty, the default docroot
     // folder of the repository.
@@ -64,6 +73,7 @@ class TDocFileLoaderLocFile : public TBaseDocFileLoader {
     virtual void CommitUpload(const std::string& TempFile, const std::string& Target);
 
     std::string FFilePath;
+    std::unique_ptr<TUploadPreparer> FPreparer;  // the batch of PrepareUploads, if any
     bool FUseCompression = true;
     bool FDeferFlush = false;
     bool FUnflushed = false;  // uploads since the last flush when FDeferFlush is set

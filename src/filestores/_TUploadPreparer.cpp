@@ -1,0 +1,178 @@
+#include "_TUploadPreparer.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <filesystem>
+
+#include "_TBaseDocFileLoader.h"
+#include "_TECLFileStream.h"
+
+namespace docadmin {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+bool SameFile(const struct stat& a, const struct stat& b) {
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size &&
+           a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec &&
+           a.st_ctim.tv_sec == b.st_ctim.tv_sec && a.st_ctim.tv_nsec == b.st_ctim.tv_nsec;
+}
+
+// Hidden like the store's other temporaries (".~" ... ".tmp"), unique per process and batch.
+std::string PreparedName(const std::string& folder) {
+    static const std::string token = TBaseDocFileLoader::GenerateNewFileName();
+    static std::atomic<std::uint64_t> counter{0};
+    char tail[24];
+    std::snprintf(tail, sizeof tail, "%llX",
+                  static_cast<unsigned long long>(counter.fetch_add(1) + 1));
+    return folder + "/.~prepared." + token + tail + ".tmp";
+}
+
+}  // namespace
+
+TUploadPreparer::TUploadPreparer(std::string AFolder, std::size_t AWindow)
+    : FFolder(std::move(AFolder)), FWindow(AWindow == 0 ? 1 : AWindow) {}
+
+TUploadPreparer::~TUploadPreparer() {
+    Stop();
+}
+
+void TUploadPreparer::Start(const std::vector<std::string>& LocalFiles) {
+    Stop();
+    std::lock_guard<std::mutex> lock(FLock);
+    FEntries.clear();
+    FEntries.reserve(LocalFiles.size());
+    for (const std::string& f : LocalFiles) {
+        TEntry e;
+        e.Source = f;
+        e.Temp = PreparedName(FFolder);
+        FEntries.push_back(std::move(e));
+    }
+    FNext = 0;
+    FCursor = 0;
+    FStopping = false;
+    if (!FEntries.empty()) FWorker = std::thread([this] { Work(); });
+}
+
+void TUploadPreparer::Stop() {
+    {
+        std::lock_guard<std::mutex> lock(FLock);
+        FStopping = true;
+    }
+    FChanged.notify_all();
+    if (FWorker.joinable()) FWorker.join();
+    std::lock_guard<std::mutex> lock(FLock);
+    for (TEntry& e : FEntries)
+        if (e.State == EState::Done) {
+            std::error_code ec;
+            fs::remove(e.Temp, ec);
+        }
+    FEntries.clear();
+    FNext = FCursor = 0;
+}
+
+void TUploadPreparer::Work() {
+    std::unique_lock<std::mutex> lock(FLock);
+    for (;;) {
+        FChanged.wait(lock, [this] {
+            return FStopping || FNext >= FEntries.size() || FNext < FCursor + FWindow;
+        });
+        if (FStopping || FNext >= FEntries.size()) return;
+        TEntry& e = FEntries[FNext++];
+        if (e.State != EState::Queued) continue;  // claimed by the uploads meanwhile
+        e.State = EState::Running;
+        const std::string source = e.Source;
+        const std::string temp = e.Temp;
+        lock.unlock();
+        Prepare(e, source, temp);
+        lock.lock();
+        FChanged.notify_all();
+    }
+}
+
+// Runs without the lock; only this thread touches the entry while it is Running.
+void TUploadPreparer::Prepare(TEntry& AEntry, const std::string& ASource,
+                              const std::string& ATemp) {
+    bool ok = false;
+    try {
+        struct stat before {};
+        if (::stat(ASource.c_str(), &before) == 0 && S_ISREG(before.st_mode)) {
+            {
+                TECLFileStream stream(ATemp, fmCreate, "", zlibMax, 0);
+                stream.SetSyncOnClose(false);  // the store flushes when it takes the file
+                stream.OnProgress = [&AEntry](TObject*, double PercentDone) {
+                    AEntry.Progress.push_back(PercentDone);
+                };
+                stream.LoadFromFile(ASource);
+            }
+            struct stat after {};
+            ok = ::stat(ASource.c_str(), &after) == 0 && SameFile(before, after);
+            AEntry.Stat = before;
+        }
+    } catch (const std::exception&) {
+        ok = false;  // the upload does the work again and reports the failure itself
+    }
+    if (!ok) {
+        std::error_code ec;
+        fs::remove(ATemp, ec);
+        AEntry.Progress.clear();
+    }
+    std::lock_guard<std::mutex> lock(FLock);
+    AEntry.State = ok ? EState::Done : EState::Failed;
+}
+
+bool TUploadPreparer::Take(const std::string& LocalFile, std::string& TempFile,
+                           std::vector<double>& Progress) {
+    std::unique_lock<std::mutex> lock(FLock);
+    std::size_t i = FCursor;
+    while (i < FEntries.size() &&
+           !(FEntries[i].Source == LocalFile && FEntries[i].State != EState::Taken))
+        ++i;
+    if (i >= FEntries.size()) return false;
+    // Files the uploads passed over (ignored, or left out by the caller) are not prepared now.
+    for (std::size_t j = FCursor; j < i; ++j)
+        if (FEntries[j].State == EState::Queued) FEntries[j].State = EState::Taken;
+    FCursor = i + 1;
+    FChanged.notify_all();
+    TEntry& e = FEntries[i];
+    if (e.State == EState::Queued) {
+        e.State = EState::Taken;
+        return false;
+    }
+    FChanged.wait(lock, [&e] { return e.State != EState::Running; });
+    const bool done = e.State == EState::Done;
+    e.State = EState::Taken;
+    if (!done) return false;
+    struct stat now {};
+    if (::stat(LocalFile.c_str(), &now) != 0 || !SameFile(now, e.Stat)) {
+        std::error_code ec;
+        fs::remove(e.Temp, ec);
+        return false;
+    }
+    TempFile = e.Temp;
+    Progress = std::move(e.Progress);
+    return true;
+}
+
+void TUploadPreparer::RemoveStaleTemporaries(const std::string& AFolder, double AMaxAgeSeconds) {
+    std::error_code ec;
+    const auto now = fs::file_time_type::clock::now();
+    for (fs::directory_iterator it(AFolder, ec), end; !ec && it != end; it.increment(ec)) {
+        const std::string name = it->path().filename().string();
+        if (name.rfind(".~prepared.", 0) != 0 || name.size() < 4 ||
+            name.compare(name.size() - 4, 4, ".tmp") != 0)
+            continue;
+        std::error_code timeError;
+        const auto written = fs::last_write_time(it->path(), timeError);
+        if (timeError) continue;
+        if (std::chrono::duration<double>(now - written).count() > AMaxAgeSeconds) {
+            std::error_code removeError;
+            fs::remove(it->path(), removeError);
+        }
+    }
+}
+
+}  // namespace docadmin

@@ -1,0 +1,71 @@
+// Compresses the local files of a batch of uploads ahead, on a worker thread, into hidden
+// temporary containers in the store's folder, so that the saving thread mostly renames them into
+// place. Nothing becomes visible under a remote name here: the store still does that, one upload
+// after the other, in the order of its calls.
+//
+// Start gets the files in the order in which the caller will upload them; the worker keeps at
+// most a small window of them prepared ahead of the uploads, so the disk space of unused
+// temporaries stays bounded. Take hands out a container only when it was made from the file as
+// it stands now (same size, modification and change time, inode); otherwise the caller does the
+// work itself, so failures are raised by the store exactly as without preparation.
+//
+// Thread-safe: the worker and the caller share the entries under one mutex. Stop (also called by
+// the destructor) waits for the worker and removes every temporary that was not taken.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace docadmin {
+
+class TUploadPreparer {
+  public:
+    // Temporaries go into AFolder; AWindow files at most are prepared ahead of the uploads.
+    explicit TUploadPreparer(std::string AFolder, std::size_t AWindow = 16);
+    ~TUploadPreparer();
+    TUploadPreparer(const TUploadPreparer&) = delete;
+    TUploadPreparer& operator=(const TUploadPreparer&) = delete;
+
+    // Begins preparing LocalFiles, in this order. A batch still running is stopped first.
+    void Start(const std::vector<std::string>& LocalFiles);
+    // The prepared container of LocalFile: true with its temporary file (now the caller's) and
+    // the progress values its compression reported; false when the caller must do the work.
+    bool Take(const std::string& LocalFile, std::string& TempFile, std::vector<double>& Progress);
+    // Waits for the worker and removes the temporaries that were not taken.
+    void Stop();
+
+    // Temporaries of an earlier process that are older than AMaxAgeSeconds are removed from
+    // AFolder; younger ones may belong to an upload in progress and stay.
+    static void RemoveStaleTemporaries(const std::string& AFolder, double AMaxAgeSeconds);
+
+  private:
+    enum class EState { Queued, Running, Done, Failed, Taken };
+    struct TEntry {
+        std::string Source;
+        std::string Temp;
+        EState State = EState::Queued;
+        std::vector<double> Progress;
+        struct stat Stat {};
+    };
+
+    void Work();
+    void Prepare(TEntry& AEntry, const std::string& ASource, const std::string& ATemp);
+
+    const std::string FFolder;
+    const std::size_t FWindow;
+    std::thread FWorker;
+    std::mutex FLock;  // guards everything below
+    std::condition_variable FChanged;
+    std::vector<TEntry> FEntries;
+    std::size_t FNext = 0;    // next entry the worker looks at
+    std::size_t FCursor = 0;  // entries before this were taken or passed by the uploads
+    bool FStopping = false;
+};
+
+}  // namespace docadmin
