@@ -217,11 +217,15 @@ std::string TDocFileLoaderLocFile::UploadFile(const std::string& LocalFileName,
 
     std::string temp;
     try {
-        std::vector<double> progress;
-        if (FUseCompression && FPreparer && FPreparer->Take(LocalFileName, temp, progress)) {
-            ReplayCompressProgress(LocalFileName, progress);
-            if (!FDeferFlush) FlushPath(temp, O_RDONLY);
+        TUploadPreparer::TPrepared prepared;
+        if (FUseCompression && FPreparer && FPreparer->Take(LocalFileName, prepared)) {
+            ReplayCompressProgress(LocalFileName, prepared.Progress);
+            if (!FDeferFlush) prepared.Flush();
+            // Named like any upload in progress, then put in place like one.
+            temp = TempNameFor(FFilePath, result);
+            prepared.LinkAs(temp);
             CommitUpload(temp, target);
+            ++FPreparedTaken;
         } else if (FUseCompression) {
             temp = TempNameFor(FFilePath, result);
             CompressFile(LocalFileName, temp, cmCompress);

@@ -33,6 +33,8 @@ class TDocFileLoaderLocFile : public TBaseDocFileLoader {
     // when the first batch starts.
     void PrepareUploads(const std::vector<std::string>& LocalFiles) override;
     void EndPreparedUploads() override;
+    // Uploads that were served from a prepared container, since the store was made.
+    std::size_t PreparedUploadsTaken() const { return FPreparedTaken; }
 
     // "DocumentsPath" of the repository's selected database; when empty, the default docroot
     // folder of the repository.
@@ -74,6 +76,7 @@ class TDocFileLoaderLocFile : public TBaseDocFileLoader {
 
     std::string FFilePath;
     std::unique_ptr<TUploadPreparer> FPreparer;  // the batch of PrepareUploads, if any
+    std::size_t FPreparedTaken = 0;
     bool FUseCompression = true;
     bool FDeferFlush = false;
     bool FUnflushed = false;  // uploads since the last flush when FDeferFlush is set

@@ -1,6 +1,10 @@
 #include "_TUploadPreparer.h"
 
+#include <fcntl.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 
 #include <atomic>
 #include <cstdio>
@@ -66,10 +70,7 @@ void TUploadPreparer::Stop() {
     if (FWorker.joinable()) FWorker.join();
     std::lock_guard<std::mutex> lock(FLock);
     for (TEntry& e : FEntries)
-        if (e.State == EState::Done) {
-            std::error_code ec;
-            fs::remove(e.Temp, ec);
-        }
+        if (e.State == EState::Done) Drop(e);
     FEntries.clear();
     FNext = FCursor = 0;
 }
@@ -85,27 +86,44 @@ void TUploadPreparer::Work() {
         if (e.State != EState::Queued) continue;  // claimed by the uploads meanwhile
         e.State = EState::Running;
         const std::string source = e.Source;
-        const std::string temp = e.Temp;
         lock.unlock();
-        Prepare(e, source, temp);
+        Prepare(e, source);
         lock.lock();
         FChanged.notify_all();
     }
 }
 
+void TUploadPreparer::Drop(TEntry& AEntry) {
+    if (AEntry.Fd >= 0) {
+        ::close(AEntry.Fd);  // an unnamed file goes with its last descriptor
+        AEntry.Fd = -1;
+    } else {
+        std::error_code ec;
+        fs::remove(AEntry.Temp, ec);
+    }
+    AEntry.Progress.clear();
+}
+
 // Runs without the lock; only this thread touches the entry while it is Running.
-void TUploadPreparer::Prepare(TEntry& AEntry, const std::string& ASource,
-                              const std::string& ATemp) {
+void TUploadPreparer::Prepare(TEntry& AEntry, const std::string& ASource) {
     bool ok = false;
     try {
         struct stat before {};
         if (::stat(ASource.c_str(), &before) == 0 && S_ISREG(before.st_mode)) {
-            {
-                TECLFileStream stream(ATemp, fmCreate, "", zlibMax, 0);
+            auto progress = [&AEntry](TObject*, double PercentDone) {
+                AEntry.Progress.push_back(PercentDone);
+            };
+            AEntry.Fd = ::open(FFolder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0644);
+            if (AEntry.Fd >= 0) {
+                // The same engine and level as CompressFile, on the unnamed file.
+                THandleStream file(AEntry.Fd);
+                TECLStream stream(&file, true, "", zlibMax, 0);
+                stream.OnProgress = progress;
+                stream.LoadFromFile(ASource);
+            } else {
+                TECLFileStream stream(AEntry.Temp, fmCreate, "", zlibMax, 0);
                 stream.SetSyncOnClose(false);  // the store flushes when it takes the file
-                stream.OnProgress = [&AEntry](TObject*, double PercentDone) {
-                    AEntry.Progress.push_back(PercentDone);
-                };
+                stream.OnProgress = progress;
                 stream.LoadFromFile(ASource);
             }
             struct stat after {};
@@ -115,17 +133,12 @@ void TUploadPreparer::Prepare(TEntry& AEntry, const std::string& ASource,
     } catch (const std::exception&) {
         ok = false;  // the upload does the work again and reports the failure itself
     }
-    if (!ok) {
-        std::error_code ec;
-        fs::remove(ATemp, ec);
-        AEntry.Progress.clear();
-    }
     std::lock_guard<std::mutex> lock(FLock);
+    if (!ok) Drop(AEntry);
     AEntry.State = ok ? EState::Done : EState::Failed;
 }
 
-bool TUploadPreparer::Take(const std::string& LocalFile, std::string& TempFile,
-                           std::vector<double>& Progress) {
+bool TUploadPreparer::Take(const std::string& LocalFile, TPrepared& AResult) {
     std::unique_lock<std::mutex> lock(FLock);
     std::size_t i = FCursor;
     while (i < FEntries.size() &&
@@ -148,13 +161,43 @@ bool TUploadPreparer::Take(const std::string& LocalFile, std::string& TempFile,
     if (!done) return false;
     struct stat now {};
     if (::stat(LocalFile.c_str(), &now) != 0 || !SameFile(now, e.Stat)) {
-        std::error_code ec;
-        fs::remove(e.Temp, ec);
+        Drop(e);
         return false;
     }
-    TempFile = e.Temp;
-    Progress = std::move(e.Progress);
+    AResult.Fd = e.Fd;
+    AResult.Temp = e.Temp;
+    AResult.Progress = std::move(e.Progress);
+    e.Fd = -1;
     return true;
+}
+
+TUploadPreparer::TPrepared::~TPrepared() {
+    if (Fd >= 0) ::close(Fd);
+}
+
+void TUploadPreparer::TPrepared::LinkAs(const std::string& APath) {
+    if (Fd < 0) {
+        if (::rename(Temp.c_str(), APath.c_str()) != 0)
+            throw EInOutError("rename " + Temp + ": " + std::strerror(errno));
+        Temp = APath;
+        return;
+    }
+    // Linking a descriptor by its name in /proc needs no privilege, unlike AT_EMPTY_PATH.
+    const std::string self = "/proc/self/fd/" + std::to_string(Fd);
+    if (::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, APath.c_str(), AT_SYMLINK_FOLLOW) != 0)
+        throw EInOutError("link " + APath + ": " + std::strerror(errno));
+}
+
+void TUploadPreparer::TPrepared::Flush() {
+    if (Fd >= 0) {
+        if (::fsync(Fd) != 0) throw EInOutError(std::string("flush: ") + std::strerror(errno));
+        return;
+    }
+    const int fd = ::open(Temp.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) throw EInOutError("open " + Temp + ": " + std::strerror(errno));
+    const int rc = ::fsync(fd);
+    ::close(fd);
+    if (rc != 0) throw EInOutError("flush " + Temp + ": " + std::strerror(errno));
 }
 
 void TUploadPreparer::RemoveStaleTemporaries(const std::string& AFolder, double AMaxAgeSeconds) {

@@ -9,8 +9,12 @@
 // it stands now (same size, modification and change time, inode); otherwise the caller does the
 // work itself, so failures are raised by the store exactly as without preparation.
 //
+// Where the file system allows, a container is an unnamed file (O_TMPFILE) until the store links
+// it into the folder: making it then takes no lock of the folder that the saving thread's renames
+// wait for, and a process that dies leaves nothing behind. Elsewhere it is a hidden named file.
+//
 // Thread-safe: the worker and the caller share the entries under one mutex. Stop (also called by
-// the destructor) waits for the worker and removes every temporary that was not taken.
+// the destructor) waits for the worker and drops every container that was not taken.
 #pragma once
 
 #include <sys/stat.h>
@@ -34,9 +38,23 @@ class TUploadPreparer {
 
     // Begins preparing LocalFiles, in this order. A batch still running is stopped first.
     void Start(const std::vector<std::string>& LocalFiles);
-    // The prepared container of LocalFile: true with its temporary file (now the caller's) and
-    // the progress values its compression reported; false when the caller must do the work.
-    bool Take(const std::string& LocalFile, std::string& TempFile, std::vector<double>& Progress);
+    // A container handed to the caller: an open unnamed file (Fd >= 0) or a named temporary.
+    struct TPrepared {
+        int Fd = -1;
+        std::string Temp;
+        std::vector<double> Progress;  // what its compression reported
+        TPrepared() = default;
+        TPrepared(const TPrepared&) = delete;
+        TPrepared& operator=(const TPrepared&) = delete;
+        ~TPrepared();
+        // Gives the container the name APath, which must not exist yet. Raises EInOutError.
+        void LinkAs(const std::string& APath);
+        // Flushes the content to the disk. Raises EInOutError.
+        void Flush();
+    };
+    // The prepared container of LocalFile: true when one was made from the file as it stands
+    // now; false when the caller must do the work.
+    bool Take(const std::string& LocalFile, TPrepared& AResult);
     // Waits for the worker and removes the temporaries that were not taken.
     void Stop();
 
@@ -48,14 +66,16 @@ class TUploadPreparer {
     enum class EState { Queued, Running, Done, Failed, Taken };
     struct TEntry {
         std::string Source;
-        std::string Temp;
+        std::string Temp;  // named fallback
+        int Fd = -1;       // unnamed container
         EState State = EState::Queued;
         std::vector<double> Progress;
         struct stat Stat {};
     };
 
     void Work();
-    void Prepare(TEntry& AEntry, const std::string& ASource, const std::string& ATemp);
+    void Prepare(TEntry& AEntry, const std::string& ASource);
+    static void Drop(TEntry& AEntry);
 
     const std::string FFolder;
     const std::size_t FWindow;

@@ -73,13 +73,8 @@ TEST_F(PreparedUploadTest, PreparedUploadsStoreTheSameBytesAndReportTheSameEvent
         };
         if (prepare) {
             s->PrepareUploads(files);
-            // The worker shows: hidden containers appear before any upload is made.
-            bool seen = false;
-            for (int i = 0; i < 500 && !seen; ++i) {
-                seen = !Temporaries().empty();
-                if (!seen) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-            }
-            EXPECT_TRUE(seen) << "nothing was prepared";
+            // Time for the worker to begin: an upload waits for a container in the making.
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
         }
         std::vector<std::string> stored;
         for (const std::string& f : files) {
@@ -90,6 +85,9 @@ TEST_F(PreparedUploadTest, PreparedUploadsStoreTheSameBytesAndReportTheSameEvent
             EXPECT_EQ(Fetch(*s, name), ReadAll(f));
         }
         s->EndPreparedUploads();
+        if (prepare) {
+            EXPECT_GE(s->PreparedUploadsTaken(), 1u) << "nothing was prepared";
+        }
         return stored;
     };
     std::vector<std::string> plainEvents, preparedEvents;
@@ -110,7 +108,9 @@ TEST_F(PreparedUploadTest, AFileChangedAfterTheHintIsStoredAsItIsNow) {
     std::string changed = ReadAll(files[1]);
     changed[0] = changed[0] == 'x' ? 'y' : 'x';
     WriteAll(files[1], changed);
+    const std::size_t taken = s->PreparedUploadsTaken();
     const std::string second = s->UploadFile(files[1], "", upmNew);
+    EXPECT_EQ(s->PreparedUploadsTaken(), taken) << "the stale container is not used";
     EXPECT_EQ(Fetch(*s, first), ReadAll(files[0]));
     EXPECT_EQ(Fetch(*s, second), changed);
     s->EndPreparedUploads();
