@@ -1,6 +1,9 @@
 #include "_TECLStream.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstring>
 #include <deque>
@@ -754,7 +757,45 @@ void TECLStream::LoadFromStream(TStream& Source) {
 
 void TECLStream::SaveToFile(const std::string& FileName) {
     CheckModified();
-    TECLBaseStream::SaveToFile(FileName);
+    auto* source = HasBlocks() ? nullptr : dynamic_cast<THandleStream*>(FStream);
+    if (!source) {
+        TECLBaseStream::SaveToFile(FileName);
+        return;
+    }
+    TFileStream f(FileName, fmCreate);
+    if (!CopyPlainFile(*source, f))
+        TECLBaseStream::SaveToStream(f);  // the kernel copied nothing: the plain loop
+}
+
+// A plain file copied in the kernel, chunk by chunk with the progress of SaveToStream: no pass
+// through user memory. False, with nothing reported yet, when the file systems can't do it.
+bool TECLStream::CopyPlainFile(THandleStream& Source, THandleStream& Target) {
+    const std::int64_t size = Source.Size();
+    loff_t in = 0, out = 0;
+    bool first = true;
+    FNoProgress = false;
+    while (in < size) {
+        const std::int64_t chunkEnd = std::min<std::int64_t>(in + FBlockSize, size);
+        while (in < chunkEnd) {
+            const auto want = static_cast<std::size_t>(chunkEnd - in);
+            const ssize_t n =
+                ::copy_file_range(Source.Handle(), &in, Target.Handle(), &out, want, 0);
+            if (n > 0) continue;
+            if (n < 0 && errno == EINTR) continue;
+            if (in == 0 && (n == 0 || errno == EXDEV || errno == ENOSYS || errno == EINVAL ||
+                            errno == EOPNOTSUPP))
+                return false;
+            if (n == 0) throw EReadError("Stream read error");
+            throw EWriteError(std::string("Stream write error: ") + std::strerror(errno));
+        }
+        // Reported per chunk, as SaveToStream does; the start only once the kernel has copied.
+        if (first) DoProgress(0);
+        first = false;
+        DoProgress(static_cast<double>(in) / static_cast<double>(size) * 100.0);
+    }
+    if (size == 0) DoProgress(0);
+    DoProgress(100);
+    return true;
 }
 
 void TECLStream::LoadFromFile(const std::string& FileName) {

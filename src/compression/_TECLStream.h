@@ -177,6 +177,7 @@ class TECLStream : public TECLBaseCompressedStream {
 
     void SaveToStream(TStream& Stream) override;
     void LoadFromStream(TStream& Stream) override;
+    // A plain file on a file handle is copied in the kernel where it can be.
     void SaveToFile(const std::string& FileName) override;
     void LoadFromFile(const std::string& FileName) override;
 
@@ -214,6 +215,7 @@ class TECLStream : public TECLBaseCompressedStream {
     void WriteBlock(std::int32_t n, const std::vector<std::uint8_t>& packed);
     void ParallelLoadFromStream(TStream& Source);
     void ParallelSaveToStream(TStream& Target);
+    bool CopyPlainFile(THandleStream& Source, THandleStream& Target);
 
     std::unique_ptr<TECLBaseStream> FFile;
     TECLHeadersArray headers;
