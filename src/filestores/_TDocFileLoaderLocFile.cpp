@@ -35,12 +35,6 @@ std::string StripTrailingSeparator(std::string path) {
     return path;
 }
 
-std::string Lower(std::string s) {
-    std::transform(s.begin(), s.end(), s.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return s;
-}
-
 IVantrelDatabaseRepository* RepositoryOf(const TPluginBaseComponent& c) {
     IMainInterface* mi = c.GetMainInterface();
     return mi ? mi->GetDatabaseRepository() : nullptr;
@@ -173,7 +167,8 @@ void TDocFileLoaderLocFile::SetFilePath(const std::string& AFilePath, bool AMigr
     // Seed the new folder once from the old default root; the old files stay where they are.
     const std::string oldRoot = StripTrailingSeparator(repo->SeedDocRootFolder());
     if (oldRoot.empty() || !fs::is_directory(oldRoot, ec)) return;
-    if (Lower(oldRoot) == Lower(FFilePath) || fs::equivalent(oldRoot, FFilePath, ec)) return;
+    if (LowerCase(oldRoot) == LowerCase(FFilePath) || fs::equivalent(oldRoot, FFilePath, ec))
+        return;
     SeedFromOldRoot(oldRoot);
 }
 
