@@ -1,6 +1,7 @@
 // Saving a tree: what reaches the tables and the store, and what stays in memory on failure.
 #include <thread>
 
+#include "_TKRSQLDeleteNotifyListener.h"
 #include "persist_fixtures.h"
 
 namespace docadmin::test {
@@ -139,9 +140,25 @@ TEST_P(SaveTest, DeletingADirectoryRemovesDocumentsRowsAndItems) {
     auto admin = NewAdmin();
     std::vector<std::string> gone;
     admin->OnDeleteDirectory = [&](TObject*, TDocDirectory* d) { gone.push_back(d->Titel()); };
+    // Rows as they stand just before each directory row is deleted: the documents have gone in
+    // the first pass, and the parent's row "A" goes while the child's "B" still stands.
+    struct Rows {
+        int docs, a, b;
+        bool operator==(const Rows&) const = default;
+    };
+    std::vector<Rows> beforeDirDelete;
+    TKRSQLDeleteNotifyListener listener(nullptr);
+    listener.OnExecute = [&](TObject*, IKRSQLDeleteNotify* e) {
+        if (e->IsTable("docadmindir"))
+            beforeDirDelete.push_back({RowCount("docadmindocs"),
+                                       RowCount("docadmindir", "title", TVariant("A")),
+                                       RowCount("docadmindir", "title", TVariant("B"))});
+        if (!e->CanDeclareDependents()) e->NoDependentsDeclared();
+    };
     TDocDirectory* a = admin->Directories()->GetChildDirectorys(0);
     ASSERT_EQ(a->Titel(), "A");
     admin->DeleteDirectory(a);
+    EXPECT_EQ(beforeDirDelete, (std::vector<Rows>{{0, 1, 1}, {0, 0, 1}}));
     EXPECT_EQ(RowCount("docadmindir"), 0);
     EXPECT_EQ(RowCount("docadmindocs"), 0);
     EXPECT_EQ(Store(*admin).Removes, 2);
