@@ -186,6 +186,10 @@ void TDocFileLoaderLocFile::SeedFromOldRoot(const std::string& AOldRoot) {
 
 void TDocFileLoaderLocFile::CommitUpload(const std::string& TempFile, const std::string& Target) {
     if (::rename(TempFile.c_str(), Target.c_str()) != 0) ThrowErrno("rename " + TempFile);
+    FlushFolderEntry();
+}
+
+void TDocFileLoaderLocFile::FlushFolderEntry() {
     if (FDeferFlush) {
         FUnflushed = true;
         return;
@@ -216,10 +220,17 @@ std::string TDocFileLoaderLocFile::UploadFile(const std::string& LocalFileName,
         if (FUseCompression && FPreparer && FPreparer->Take(LocalFileName, prepared)) {
             ReplayCompressProgress(LocalFileName, prepared.Progress);
             if (!FDeferFlush) prepared.Flush();
-            // Named like any upload in progress, then put in place like one.
-            temp = TempNameFor(FFilePath, result);
-            prepared.LinkAs(temp);
-            CommitUpload(temp, target);
+            if (Mode == upmNew) {
+                // A complete container gets its new name in one step; a link never replaces
+                // an existing file.
+                prepared.LinkAs(target);
+                FlushFolderEntry();
+            } else {
+                // Named like any upload in progress, then renamed over the old content.
+                temp = TempNameFor(FFilePath, result);
+                prepared.LinkAs(temp);
+                CommitUpload(temp, target);
+            }
             ++FPreparedTaken;
         } else if (FUseCompression) {
             temp = TempNameFor(FFilePath, result);

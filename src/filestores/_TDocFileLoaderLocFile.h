@@ -73,6 +73,8 @@ class TDocFileLoaderLocFile : public TBaseDocFileLoader {
     void SeedFromOldRoot(const std::string& AOldRoot);
     // Puts the finished temporary file in place of Target (an atomic rename in one folder).
     virtual void CommitUpload(const std::string& TempFile, const std::string& Target);
+    // Makes a new folder entry durable now, or at FlushUploads when flushing is deferred.
+    void FlushFolderEntry();
 
     std::string FFilePath;
     std::unique_ptr<TUploadPreparer> FPreparer;  // the batch of PrepareUploads, if any
