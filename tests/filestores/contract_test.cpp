@@ -7,6 +7,7 @@
 #include <set>
 
 #include "_TBaseDocFileLoader.h"
+#include "fake_host.h"
 #include "legacy_files.h"
 #include "test_files.h"
 
@@ -35,29 +36,6 @@ class MapStore : public TBaseDocFileLoader {
 
     using TBaseDocFileLoader::CompressFile;
     std::map<std::string, std::string> files;
-};
-
-class RecordingCallBack : public TInterfacedObject, public IDocAdminDownloderCallBack {
-  public:
-    HRESULT QueryInterface(const TGUID& iid, void** obj) override {
-        if (iid == IDocAdminDownloderCallBack::IID) {
-            *obj = static_cast<IDocAdminDownloderCallBack*>(this);
-            _AddRef();
-            return S_OK;
-        }
-        return TInterfacedObject::QueryInterface(iid, obj);
-    }
-    std::int32_t _AddRef() override { return TInterfacedObject::_AddRef(); }
-    std::int32_t _Release() override { return TInterfacedObject::_Release(); }
-    void DownloadDone(const std::string& DestFileName) override {
-        log.push_back("done " + DestFileName);
-        if (failInDone) throw EInOutError("disk full");
-    }
-    void DownloadFailed(const std::string& DestFileName, const std::string& Msg) override {
-        log.push_back("failed " + DestFileName + ": " + Msg);
-    }
-    std::vector<std::string> log;
-    bool failInDone = false;
 };
 
 TEST(FileStoreContract, GeneratedNamesAre32UpperHexDigitsAndDiffer) {

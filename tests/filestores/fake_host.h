@@ -5,8 +5,10 @@
 #include <map>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "_PluginIntf.h"
+#include "_TBaseDocFileLoader.h"
 
 namespace docadmin::test {
 
@@ -81,6 +83,31 @@ class FakeHost : public TInterfacedObject,
     std::map<std::pair<int, std::string>, std::string> dbSettings;
     bool hasOffline = false;
     std::string userDocuments, defaultDocRoot, seedDocRoot;
+};
+
+// Records what a store reports to a non-blocking download's callback: "done DEST" or
+// "failed DEST: MESSAGE". With failInDone, DownloadDone itself fails after recording.
+class RecordingCallBack : public TInterfacedObject, public IDocAdminDownloderCallBack {
+  public:
+    HRESULT QueryInterface(const TGUID& iid, void** obj) override {
+        if (iid == IDocAdminDownloderCallBack::IID) {
+            *obj = static_cast<IDocAdminDownloderCallBack*>(this);
+            _AddRef();
+            return S_OK;
+        }
+        return TInterfacedObject::QueryInterface(iid, obj);
+    }
+    std::int32_t _AddRef() override { return TInterfacedObject::_AddRef(); }
+    std::int32_t _Release() override { return TInterfacedObject::_Release(); }
+    void DownloadDone(const std::string& DestFileName) override {
+        log.push_back("done " + DestFileName);
+        if (failInDone) throw EInOutError("disk full");
+    }
+    void DownloadFailed(const std::string& DestFileName, const std::string& Msg) override {
+        log.push_back("failed " + DestFileName + ": " + Msg);
+    }
+    std::vector<std::string> log;
+    bool failInDone = false;
 };
 
 }  // namespace docadmin::test

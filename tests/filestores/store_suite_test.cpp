@@ -127,28 +127,11 @@ TYPED_TEST(StoreSuite, RemovingAMissingFileRaisesAfterTransferStart) {
 }
 
 TYPED_TEST(StoreSuite, NonBlockedDownloadReportsAMissingFileThroughTheCallBack) {
-    struct CallBack : TInterfacedObject, IDocAdminDownloderCallBack {
-        HRESULT QueryInterface(const TGUID& iid, void** obj) override {
-            if (iid == IDocAdminDownloderCallBack::IID) {
-                *obj = static_cast<IDocAdminDownloderCallBack*>(this);
-                _AddRef();
-                return S_OK;
-            }
-            return TInterfacedObject::QueryInterface(iid, obj);
-        }
-        std::int32_t _AddRef() override { return TInterfacedObject::_AddRef(); }
-        std::int32_t _Release() override { return TInterfacedObject::_Release(); }
-        void DownloadDone(const std::string& d) override { log.push_back("done " + d); }
-        void DownloadFailed(const std::string& d, const std::string& m) override {
-            log.push_back("failed " + d + " " + m);
-        }
-        std::vector<std::string> log;
-    };
-    IPtr<CallBack> cb(new CallBack);
+    IPtr<RecordingCallBack> cb(new RecordingCallBack);
     const std::string dest = (this->env.Local() / "d").string();
     EXPECT_NO_THROW(this->env.Store().DownloadFileNonBlocked("NOPE", dest, cb.get()));
     EXPECT_THAT(cb->log,
-                ElementsAre("failed " + dest + " " + this->env.MissingDownloadText("NOPE")));
+                ElementsAre("failed " + dest + ": " + this->env.MissingDownloadText("NOPE")));
 
     const std::string name = this->env.Store().UploadFile(this->LocalFile("f", "abc"), "", upmNew);
     cb->log.clear();
