@@ -232,15 +232,26 @@ void TECLBaseStream::SaveToStream(TStream& Target) {
     DoProgress(100);
 }
 
-void TECLBaseStream::LoadFromStream(TStream& Source) {
+TECLBaseStream::TLoadFrame TECLBaseStream::BeginLoad(TStream& Source) {
     FModified = true;
-    const std::int64_t ownPos = Position();
-    const std::int64_t sourcePos = Source.Position();
+    const TLoadFrame frame{Position(), Source.Position()};
     Source.Seek(0, TSeekOrigin::soBeginning);
     SetSize(0);
     Seek(0, TSeekOrigin::soBeginning);
     FNoProgress = false;
     DoProgress(0);
+    return frame;
+}
+
+void TECLBaseStream::EndLoad(TStream& Source, const TLoadFrame& Frame) {
+    Seek(Frame.ownPos, TSeekOrigin::soBeginning);
+    Source.Seek(Frame.sourcePos, TSeekOrigin::soBeginning);
+    DoProgress(100);
+    FModified = true;
+}
+
+void TECLBaseStream::LoadFromStream(TStream& Source) {
+    const TLoadFrame frame = BeginLoad(Source);
     const std::int64_t size = Source.Size();
     std::vector<std::uint8_t> buf(static_cast<std::size_t>(
         std::max<std::int64_t>(1, std::min<std::int64_t>(FBlockSize, size))));
@@ -252,10 +263,7 @@ void TECLBaseStream::LoadFromStream(TStream& Source) {
         FNoProgress = false;
         DoProgress(static_cast<double>(Source.Position()) / static_cast<double>(size) * 100.0);
     }
-    Seek(ownPos, TSeekOrigin::soBeginning);
-    Source.Seek(sourcePos, TSeekOrigin::soBeginning);
-    DoProgress(100);
-    FModified = true;
+    EndLoad(Source, frame);
 }
 
 void TECLBaseStream::SaveToFile(const std::string& FileName) {
@@ -808,14 +816,7 @@ void TECLStream::LoadFromFile(const std::string& FileName) {
 // behind the previous one, so the blocks can be deflated ahead on worker threads and appended in
 // order: the file gets the same bytes, header rewrites included, as the sequential loop writes.
 void TECLStream::ParallelLoadFromStream(TStream& Source) {
-    FModified = true;
-    const std::int64_t ownPos = Position();
-    const std::int64_t sourcePos = Source.Position();
-    Source.Seek(0, TSeekOrigin::soBeginning);
-    SetSize(0);
-    Seek(0, TSeekOrigin::soBeginning);
-    FNoProgress = false;
-    DoProgress(0);
+    const TLoadFrame frame = BeginLoad(Source);
     const std::int64_t size = Source.Size();
     const std::int32_t bs = FHeader.BlockSize;
     const std::uint32_t dataStart =
@@ -892,10 +893,7 @@ void TECLStream::ParallelLoadFromStream(TStream& Source) {
             if (f.valid()) f.wait();
         throw;
     }
-    Seek(ownPos, TSeekOrigin::soBeginning);
-    Source.Seek(sourcePos, TSeekOrigin::soBeginning);
-    DoProgress(100);
-    FModified = true;
+    EndLoad(Source, frame);
 }
 
 // Saving the whole stream reads the blocks in order; inflating them ahead on worker threads gives

@@ -130,6 +130,15 @@ class TECLBaseStream : public TStream {
     explicit TECLBaseStream(NoStreamTag) {}
     void DoProgress(double PercentDone);
 
+    // The frame of LoadFromStream: both positions are kept, this stream is emptied, Source is
+    // read from its start, and progress 0 is reported; EndLoad puts both positions back and
+    // reports 100.
+    struct TLoadFrame {
+        std::int64_t ownPos, sourcePos;
+    };
+    TLoadFrame BeginLoad(TStream& Source);
+    void EndLoad(TStream& Source, const TLoadFrame& Frame);
+
     std::int32_t FBlockSize = kECLDefaultBlockSize;
     TStream* FStream = nullptr;  // not owned
     bool FModified = false;
