@@ -2,9 +2,10 @@
 // the tree that --plugin and --path name (see tree_session.h), in the configured database and
 // store.
 //
-// Writing verbs run in one transaction: rows appear only when the whole verb succeeded, and the
-// store has written every file before its row (temporary file, flush, rename), so a process that
-// is killed half way leaves no row without its file; at worst unreferenced files in the store.
+// Writing verbs run in one transaction (an import in batches of rows, each committed on its own):
+// rows appear only when their part succeeded, and the store has written every file before its row
+// (temporary file, flush, rename), so a process that is killed half way leaves no row without its
+// file; at worst unreferenced files in the store.
 #include <nlohmann/json.hpp>
 
 #include <filesystem>
@@ -28,6 +29,8 @@ using json = nlohmann::ordered_json;
 
 // Below this many files a progress bar isn't worth drawing.
 constexpr std::size_t ProgressThreshold = 50;
+// Documents per committed batch of an import.
+constexpr std::size_t ImportBatchSize = 200;
 
 // Loads every directory and document of the tree in memory: the children of one directory per
 // query, the documents of a whole level of directories in one query. Answers the directories,
@@ -92,10 +95,20 @@ void RunImport(const ImportOptions& o) {
 
     TTreeSession session(o.Tree);
     TDBDocAdmin& admin = session.Admin();
-    // The local store flushes all files in one go before the commit instead of one by one.
+    // The local store flushes all files of a batch in one go before its commit instead of one by
+    // one.
     auto* local = dynamic_cast<TDocFileLoaderLocFile*>(admin.DocFileLoader());
     if (local != nullptr) local->SetDeferFlush(true);
-    session.BeginTransaction();
+    // Rows are committed in batches: each batch's files are stored first with no transaction
+    // open, then its rows are written in a short transaction, so that other writers wait for a
+    // batch's rows at most, never for the whole import.
+    admin.SetSaveBatching(
+        ImportBatchSize,
+        [&] {
+            if (local != nullptr) local->FlushUploads();  // durable before any row names them
+            session.BeginTransaction();
+        },
+        [&] { session.Commit(); }, [&] { session.Rollback(); });
     TerminalProgress progress("import", total >= ProgressThreshold);
     std::size_t saved = 0;
     try {
@@ -107,12 +120,14 @@ void RunImport(const ImportOptions& o) {
         };
         admin.SaveChanges();
         admin.OnChangeDocumentState = nullptr;
-        if (local != nullptr) local->FlushUploads();
-        session.Commit();
-    } catch (...) {
+    } catch (const std::exception& e) {
         admin.OnChangeDocumentState = nullptr;
-        session.Rollback();
-        throw;
+        progress.Finish();
+        const std::size_t kept = admin.CommittedDocuments();
+        if (kept == 0) throw;
+        throw Exception(std::string(e.what()) + "\nThe import stopped after " +
+                        std::to_string(kept) + " of " + std::to_string(total) +
+                        " documents; those are stored.");
     }
     progress.Finish();
     TDocDirectory* root = admin.Directories();

@@ -74,12 +74,15 @@ void TTreeSession::Commit() {
     FTransaction = 0;
     FAdmin->SetDBATransactionID(0);
     FHost->GetDBInterface()->CommitTransaction(id);
+    // Files that the committed rows no longer name.
+    FAdmin->RemovePendingFiles();
 }
 
 void TTreeSession::Rollback() {
     const std::int64_t id = FTransaction;
     FTransaction = 0;
     FAdmin->SetDBATransactionID(0);
+    FAdmin->DiscardPendingFileRemovals();
     FHost->GetDBInterface()->RollbackTransaction(id);
 }
 

@@ -20,13 +20,15 @@ bool IsHostColumnOrKey(const std::string& AName, const std::string& AKey) {
 
 }  // namespace
 
-void ArchiveDocumentVersion(TBaseDocAdmin* AOwner, TDocument* ADocument) {
+void ArchiveDocumentVersion(TBaseDocAdmin* AOwner, TDocument* ADocument,
+                            std::int64_t ADBATransactionID) {
     if (ADocument->DocID() <= 0) return;
     IDBInterface* db =
         AOwner->MainInterface() ? AOwner->MainInterface()->GetDBInterface() : nullptr;
     if (!db) throw EDocAdminException("The document administrator has no database");
-    // No transaction id: the archive row stands even when the caller's work is rolled back.
+    // Without a transaction id the archive row stands even when the caller's work is rolled back.
     TClientSQL sql(nullptr, db);
+    sql.SetDBATransactionID(ADBATransactionID);
     sql.SetStatementKind(skInsert);
     sql.SetSchemaName(kArchive);
     TClientSQLFields* f = sql.GetFields();
@@ -44,8 +46,10 @@ void ArchiveDocumentVersion(TBaseDocAdmin* AOwner, TDocument* ADocument) {
     sql.ExecuteSQL();
 }
 
-void ArchiveRecordSetRow(TComponent* /*AOwner*/, TKRCustomRecordSet* ARecordSet, int ARecNo) {
+void ArchiveRecordSetRow(TComponent* /*AOwner*/, TKRCustomRecordSet* ARecordSet, int ARecNo,
+                         std::int64_t ADBATransactionID) {
     TClientSQL sql(nullptr, ARecordSet->GetDatabase());
+    sql.SetDBATransactionID(ADBATransactionID);
     sql.SetStatementKind(skInsert);
     sql.SetSchemaName(kArchive);
     TClientSQLFields* f = sql.GetFields();

@@ -345,18 +345,48 @@ void TBaseDocAdmin::DeleteDocument(std::int32_t ADocumentID) {
         throw EDocAdminFileNotFoundInRepository("File with ID '" + std::to_string(ADocumentID) +
                                                 "' not found in repository!");
     Assert(FDocFileLoader != nullptr, "TBaseDocAdmin.DeleteDocument: no file store");
-    try {
-        FDocFileLoader->RemoveFile(remote, name);
-    } catch (const std::exception& e) {
-        // A store names the file when it is already gone; that is no failure of the delete.
-        if (std::string(e.what()).find(remote) == std::string::npos) throw;
-    }
-    DeleteDocumentRow(ADocumentID);
+    // The row goes first, and only while it names the file just read; the file follows once the
+    // row's removal is committed, so that a failure leaves a file without a row, never a row
+    // without its file.
+    if (DeleteDocumentRowOf(ADocumentID, remote) == 0)
+        throw EDocAdminChangedByOtherUser("Document " + std::to_string(ADocumentID) + " ('" + name +
+                                          "') was changed or removed by another user meanwhile; "
+                                          "nothing was deleted.");
+    QueueFileRemoval(ADocumentID, remote, name);
     TDocument* doc = nullptr;
     if (FDirectories->ExtractDocument(ADocumentID, doc, true) && doc) {
         TFinally drop{[doc] { DropItem(doc); }};
         if (OnDeleteDocument) OnDeleteDocument(this, doc);
     }
+    if (FDBATransactionID == 0) RemovePendingFiles();
+}
+
+void TBaseDocAdmin::QueueFileRemoval(std::int32_t ADocumentID, const std::string& ARemoteFile,
+                                     const std::string& ADocName) {
+    if (!ARemoteFile.empty()) FPendingRemovals.push_back({ADocumentID, ARemoteFile, ADocName});
+}
+
+void TBaseDocAdmin::RemovePendingFiles() {
+    std::vector<TPendingRemoval> pending;
+    pending.swap(FPendingRemovals);
+    std::string failures;
+    for (const TPendingRemoval& p : pending) {
+        try {
+            // An archived version, or another row made by a concurrent change, may still name it.
+            if (IsRemoteFileReferenced(p.Remote)) continue;
+            FDocFileLoader->RemoveFile(p.Remote, p.DocName);
+        } catch (const EFileNotFoundInRepositoryException&) {
+            // Already gone: what the removal wanted.
+        } catch (const std::exception& e) {
+            failures += "\n  document " + std::to_string(p.DocID) + " ('" + p.DocName +
+                        "'), stored file " + p.Remote + ": " + e.what();
+        }
+    }
+    if (!failures.empty())
+        throw EDocAdminException(
+            "The database rows are changed, but stored files that they no "
+            "longer name could not be removed:" +
+            failures);
 }
 
 void TBaseDocAdmin::DeleteDirectory(TDocDirectory* ADirectory) {

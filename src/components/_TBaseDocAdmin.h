@@ -96,6 +96,22 @@ class TBaseDocAdmin : public TComponent, public IPluginContextObject {
     virtual void UpdateDocumentFileInfo(std::int32_t ADocumentID, const std::string& AFileName,
                                         bool AChangeFileName, TDateTime ADate) {}
     virtual void DeleteDocumentRow(std::int32_t ADocumentID) {}
+    // Deletes the row only while it still names ARemoteFile; answers the rows deleted.
+    virtual std::int64_t DeleteDocumentRowOf(std::int32_t ADocumentID,
+                                             const std::string& ARemoteFile) {
+        DeleteDocumentRow(ADocumentID);
+        return 1;
+    }
+    // True while some row still names the remote file, so that it must stay in the store.
+    virtual bool IsRemoteFileReferenced(const std::string& ARemoteFile) { return false; }
+
+    // Files that committed changes no longer need: rows go first, files after the commit.
+    // Removes each queued file that no row names; raises EDocAdminException naming every file
+    // that could not be removed (the rows' changes stand). Work without DBATransactionID calls
+    // it itself; otherwise whoever commits does, and whoever rolls back discards the list.
+    void RemovePendingFiles();
+    void DiscardPendingFileRemovals() { FPendingRemovals.clear(); }
+    bool HasPendingFileRemovals() const { return !FPendingRemovals.empty(); }
     virtual void LoadFilesForDirectory(const std::vector<TDocDirectory*>& ADirs) {}
     // Replaces the stored file of a document by id, outside any tree. It needs nothing of this
     // instance but the arguments (AOwner owns what it creates), so a descendant may call it on
@@ -236,6 +252,8 @@ class TBaseDocAdmin : public TComponent, public IPluginContextObject {
     TGetRessourceContainerEvent OnGetRessourceContainer;
 
   protected:
+    void QueueFileRemoval(std::int32_t ADocumentID, const std::string& ARemoteFile,
+                          const std::string& ADocName);
     // Saves (AutoSave), fires held-back child-count notices and OnChanged, at update depth 0.
     void EndUpdateStep();
     TDocDirectory* NewDirectoryIn(TDocDirectory* AParent, const std::string& ATitle);
@@ -264,6 +282,13 @@ class TBaseDocAdmin : public TComponent, public IPluginContextObject {
     std::unique_ptr<TSortedIntegerList> FActiveRecordFlagIDs;
     std::unique_ptr<TVTLSQLParser> FSQLFilters;
     TUniqueFolderCache* FUniqueFolderCache = nullptr;
+
+    struct TPendingRemoval {
+        std::int32_t DocID;
+        std::string Remote;
+        std::string DocName;
+    };
+    std::vector<TPendingRemoval> FPendingRemovals;
 };
 
 }  // namespace docadmin

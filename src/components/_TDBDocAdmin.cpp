@@ -47,6 +47,17 @@ std::int32_t Low32(std::int64_t v) {
     return static_cast<std::int32_t>(static_cast<std::uint32_t>(v & 0xFFFFFFFF));
 }
 
+// Limits a change of a document row to the row that still names the remote file it was loaded
+// with. Rows from before the file store may have no remote name: empty or null.
+void AddLoadedRemoteFilter(IDBSQLStatement& AStatement, const std::string& ARemote) {
+    if (!ARemote.empty()) {
+        AStatement.AddFilter("fllocname", TVariant(ARemote), ftExactEqual, flAnd);
+        return;
+    }
+    AStatement.AddFilter("fllocname", TVariant(std::string()), ftExactEqual, flAnd, pOpen);
+    AStatement.AddFilter("fllocname", TVariant(), ftIsNull, flOr, pClose);
+}
+
 // A parent or directory id as written to a row: the tree's root may still carry -1 (not loaded).
 std::int64_t RowDirID(const TDocDirectory* ADir) {
     return ADir && ADir->DirID() > 0 ? ADir->DirID() : 0;
@@ -349,10 +360,86 @@ bool TDBDocAdmin::DoSaveChanges() {
     TFinally endUploads{[this] {
         if (FDocFileLoader) FDocFileLoader->EndPreparedUploads();
     }};
-    SaveDirectoryTree(*statement, dirItem.get(), docItem.get(), FDirectories, true, saved);
-    SaveDirectoryTree(*statement, dirItem.get(), docItem.get(), FDirectories, false, saved);
+    const bool batched = FBatchSize > 0;
+    FCommittedDocuments = 0;
+    if (batched) {
+        FBatchOrder.clear();
+        CollectUploadDocuments(FDirectories, FBatchOrder);
+        FBatchNext = 0;
+        BeginSaveBatch();
+        statement->SetDBATransactionID(FDBATransactionID);
+    }
+    try {
+        SaveDirectoryTree(*statement, dirItem.get(), docItem.get(), FDirectories, true, saved);
+        SaveDirectoryTree(*statement, dirItem.get(), docItem.get(), FDirectories, false, saved);
+        if (batched) {
+            FBatchOpen = false;
+            FBatchCommit();
+            FCommittedDocuments += FBatchDocuments;
+            FUploaded.clear();
+        }
+    } catch (...) {
+        if (batched) {
+            if (FBatchOpen) {
+                FBatchOpen = false;
+                try {
+                    FBatchRollback();
+                } catch (...) {  // the original failure is the one to report
+                }
+            }
+            // Files uploaded ahead whose rows were rolled back or never written.
+            for (auto& [doc, remote] : FUploaded)
+                DropUpload(remote);
+            FUploaded.clear();
+            FPendingRemovals.clear();
+        }
+        throw;
+    }
     RemoveDeletedDirectories(FDirectories);
+    if (FDBATransactionID == 0 || batched) RemovePendingFiles();
     return saved;
+}
+
+void TDBDocAdmin::SetSaveBatching(std::size_t ABatchSize, std::function<void()> ABegin,
+                                  std::function<void()> ACommit, std::function<void()> ARollback) {
+    FBatchSize = ABatchSize;
+    FBatchBegin = std::move(ABegin);
+    FBatchCommit = std::move(ACommit);
+    FBatchRollback = std::move(ARollback);
+}
+
+void TDBDocAdmin::BeginSaveBatch() {
+    // The uploads run with no transaction open, so that other writers never wait for them.
+    const std::size_t end = std::min(FBatchOrder.size(), FBatchNext + FBatchSize);
+    for (; FBatchNext < end; ++FBatchNext) {
+        TDocument* doc = FBatchOrder[FBatchNext];
+        bool skipped = false;
+        const std::string remote = SaveDocumentFile(doc, skipped);
+        if (!skipped) FUploaded[doc] = remote;
+    }
+    FBatchBegin();
+    FBatchOpen = true;
+    FBatchDocuments = 0;
+}
+
+void TDBDocAdmin::DocumentSaved(IDBSQLStatement& AStatement) {
+    if (FBatchSize == 0) return;
+    if (++FBatchDocuments < FBatchSize) return;
+    FBatchOpen = false;
+    FBatchCommit();
+    FCommittedDocuments += FBatchDocuments;
+    FUploaded.clear();
+    RemovePendingFiles();
+    BeginSaveBatch();
+    AStatement.SetDBATransactionID(FDBATransactionID);
+}
+
+void TDBDocAdmin::DropUpload(const std::string& ARemoteFile) noexcept {
+    if (ARemoteFile.empty() || !FDocFileLoader) return;
+    try {
+        FDocFileLoader->RemoveFile(ARemoteFile, std::string());
+    } catch (...) {  // left as a file that no row names
+    }
 }
 
 // The local files that SaveDirectoryTree's first pass uploads, in the order it uploads them:
@@ -366,6 +453,18 @@ void TDBDocAdmin::CollectUploads(TDocDirectory* ADirectory, std::vector<std::str
         const TChangeState state = doc->ChangeState();
         if (state == chAdded || (state == chChanged && doc->FileHasChanged()))
             AFiles.push_back(doc->LocalFile());
+    }
+}
+
+void TDBDocAdmin::CollectUploadDocuments(TDocDirectory* ADirectory,
+                                         std::vector<TDocument*>& ADocs) {
+    for (TDocDirectory* child : ADirectory->ChildDirectoriesInMemory())
+        CollectUploadDocuments(child, ADocs);
+    const auto& docs = ADirectory->DocumentsInMemory();
+    for (size_t i = docs.size(); i-- > 0;) {
+        TDocument* doc = docs[i];
+        const TChangeState state = doc->ChangeState();
+        if (state == chAdded || (state == chChanged && doc->FileHasChanged())) ADocs.push_back(doc);
     }
 }
 
@@ -411,57 +510,104 @@ void TDBDocAdmin::SaveDirectoryTree(IDBSQLStatement& AStatement, IDBFieldSchemaI
     if (AAddedPass) SaveDirectoryDocuments(AStatement, ADocItem, ADirectory, ASaved);
 }
 
-bool TDBDocAdmin::SaveDocumentFile(TDocument* ADocument) {
+std::string TDBDocAdmin::SaveDocumentFile(TDocument* ADocument, bool& ASkipped) {
+    ASkipped = false;
+    const TChangeState state = ADocument->ChangeState();
+    if (state != chAdded && !(state == chChanged && ADocument->FileHasChanged())) return {};
+    if (auto it = FUploaded.find(ADocument); it != FUploaded.end()) return it->second;
     for (;;) {
         try {
-            switch (ADocument->ChangeState()) {
-                case chAdded:
-                    ADocument->SetRemoteFileName(
-                        FDocFileLoader->UploadFile(ADocument->LocalFile(), std::string(), upmNew));
-                    break;
-                case chChanged:
-                    if (!ADocument->FileHasChanged()) break;
-                    if (ADocument->ArchiveMode() == ramNoArchive) {
-                        ADocument->SetRemoteFileName(FDocFileLoader->UploadFile(
-                            ADocument->LocalFile(), ADocument->RemoteFileName(), upmChange));
-                    } else {
-                        // The version is secured before the store is touched; the old remote
-                        // file stays and the archive row names it.
-                        ArchiveDocumentVersion(this, ADocument);
-                        ADocument->SetRemoteFileName(FDocFileLoader->UploadFile(
-                            ADocument->LocalFile(), ADocument->RemoteFileName(), upmNew));
-                    }
-                    break;
-                case chDeleted:
-                    try {
-                        FDocFileLoader->RemoveFile(ADocument->RemoteFileName(),
-                                                   ADocument->DocName());
-                    } catch (const std::exception& e) {
-                        // A store names the file when it is already gone: no failure of a delete.
-                        if (std::string(e.what()).find(ADocument->RemoteFileName()) ==
-                            std::string::npos)
-                            throw;
-                    }
-                    break;
-                default:
-                    break;
-            }
-            return true;
+            // Always a new remote name, also for a change that archives nothing: the old file
+            // stays untouched until the changed row is committed.
+            return FDocFileLoader->UploadFile(ADocument->LocalFile(), std::string(), upmNew);
         } catch (const EIdConnClosedGracefully&) {
-            return true;
+            return {};
         } catch (const EAbort&) {
             throw;
         } catch (const std::exception& e) {
-            switch (MessageDlg(e.what(), mtError, MsgDlgButtons({mbAbort, mbRetry, mbIgnore}))) {
+            const std::string what = "Storing '" + ADocument->LocalFile() + "' failed: " + e.what();
+            switch (MessageDlg(what, mtError, MsgDlgButtons({mbAbort, mbRetry, mbIgnore}))) {
                 case mrRetry:
                     continue;
                 case mrIgnore:
-                    return false;
+                    ASkipped = true;
+                    return {};
                 default:
-                    throw EAbort("Operation aborted");
+                    throw EAbort("Operation aborted. " + what);
             }
         }
     }
+}
+
+void TDBDocAdmin::SaveDocumentRow(IDBSQLStatement& AStatement, TDocument* ADocument,
+                                  TChangeState AState, const std::string& ALoadedRemote,
+                                  const std::string& ANewRemote) {
+    TDocument* doc = ADocument;
+    const bool newFile = !ANewRemote.empty();
+    const bool archive = AState == chChanged && newFile && doc->ArchiveMode() != ramNoArchive;
+    IDBInterface* db = Database();
+    // Without a caller's transaction the row and its archive row get one of their own, so that
+    // they stand or fall together.
+    const std::int64_t ownTx = FDBATransactionID == 0 ? db->BeginTransaction() : 0;
+    const std::int64_t tx = ownTx != 0 ? ownTx : FDBATransactionID;
+    AStatement.SetDBATransactionID(tx);
+    try {
+        AStatement.SetStatementKind(StatementKind(AState));
+        AStatement.AddFilter("id", Int(doc->DocID()), ftExactEqual, flAnd);
+        // A stored row is changed only while it is the one that was loaded.
+        if (AState != chAdded) AddLoadedRemoteFilter(AStatement, ALoadedRemote);
+        if (AState != chDeleted) {
+            AStatement.AddField("dirid", Int(RowDirID(doc->Directory())));
+            AStatement.AddField("docname", TVariant(ExtractFileName(ConvertToFileName(
+                                               ExtractFileName(doc->DocName()), false, 250))));
+            AStatement.AddField("flsize", Int(doc->Size()));
+            AStatement.AddField("flversion", TVariant(FileVersionToStr(doc->Version())));
+            AStatement.AddField("fllocname", TVariant(newFile ? ANewRemote : ALoadedRemote));
+            AStatement.AddField("fldate", TVariant::FromDate(doc->Date()));
+            AStatement.AddField("creadate", TVariant::FromDate(doc->CreaDate()));
+            AStatement.AddField("creaid", Int(doc->CreaID()));
+            AStatement.AddField("lastchangedtsp", TVariant::FromDate(doc->ChangeDate()));
+            AStatement.AddField("lastchangedid", Int(doc->ChangeID()));
+            AStatement.AddField("globalaclgrp", Int(GetStoragItemACLGroup(doc)));
+            AStatement.AddField("doctags", TVariant(static_cast<int>(doc->DocumentTags())));
+        }
+        if (AState == chAdded) {
+            std::int64_t id = 0;
+            AStatement.ExecuteInsert(id);
+            doc->SetDocID(Low32(id));
+        } else {
+            AStatement.Execute();
+            if (AStatement.RowsAffected() == 0)
+                throw EDocAdminChangedByOtherUser(
+                    "Document " + std::to_string(doc->DocID()) + " ('" +
+                    ExtractFileName(doc->DocName()) +
+                    "') was changed or removed by another user since it was loaded; reload it "
+                    "and try again.");
+        }
+        // The version that the new file replaces: the row names the old file, which stays.
+        // PostgreSQL writes it outside a caller's transaction; SQLite, on the thread holding
+        // the write lock, can only write it within.
+        if (archive) {
+            const bool separate =
+                ownTx == 0 && db->GetBackendKind() == TDBBackendKind::bkPostgreSQL;
+            ArchiveDocumentVersion(this, doc, separate ? 0 : tx);
+        }
+        if (ownTx != 0) db->CommitTransaction(ownTx);
+    } catch (...) {
+        if (ownTx != 0) {
+            try {
+                db->RollbackTransaction(ownTx);
+            } catch (...) {  // the original failure is the one to report
+            }
+        }
+        AStatement.SetDBATransactionID(FDBATransactionID);
+        throw;
+    }
+    AStatement.SetDBATransactionID(FDBATransactionID);
+    // Files the row named until now: gone with a deletion, or replaced without an archived
+    // version. They are removed once the change is committed.
+    if (AState == chDeleted || (AState == chChanged && newFile && !archive))
+        QueueFileRemoval(doc->DocID(), ALoadedRemote, ExtractFileName(doc->DocName()));
 }
 
 void TDBDocAdmin::SaveDirectoryDocuments(IDBSQLStatement& AStatement, IDBFieldSchemaItem* ADocItem,
@@ -476,29 +622,18 @@ void TDBDocAdmin::SaveDirectoryDocuments(IDBSQLStatement& AStatement, IDBFieldSc
         Assert(FDocFileLoader != nullptr, "TDBDocAdmin.SaveChanges: no file store");
         const bool neverStored = state == chDeleted && doc->ChangeStateBeforeDeleted() == chAdded;
         if (!neverStored) {
-            if (!SaveDocumentFile(doc)) continue;  // ignored: no row, state kept
-            AStatement.SetStatementKind(StatementKind(state));
-            AStatement.AddFilter("id", Int(doc->DocID()), ftExactEqual, flAnd);
-            AStatement.AddField("dirid", Int(RowDirID(doc->Directory())));
-            AStatement.AddField("docname", TVariant(ExtractFileName(ConvertToFileName(
-                                               ExtractFileName(doc->DocName()), false, 250))));
-            AStatement.AddField("flsize", Int(doc->Size()));
-            AStatement.AddField("flversion", TVariant(FileVersionToStr(doc->Version())));
-            AStatement.AddField("fllocname", TVariant(doc->RemoteFileName()));
-            AStatement.AddField("fldate", TVariant::FromDate(doc->Date()));
-            AStatement.AddField("creadate", TVariant::FromDate(doc->CreaDate()));
-            AStatement.AddField("creaid", Int(doc->CreaID()));
-            AStatement.AddField("lastchangedtsp", TVariant::FromDate(doc->ChangeDate()));
-            AStatement.AddField("lastchangedid", Int(doc->ChangeID()));
-            AStatement.AddField("globalaclgrp", Int(GetStoragItemACLGroup(doc)));
-            AStatement.AddField("doctags", TVariant(static_cast<int>(doc->DocumentTags())));
-            if (state == chAdded) {
-                std::int64_t id = 0;
-                AStatement.ExecuteInsert(id);
-                doc->SetDocID(Low32(id));
-            } else {
-                AStatement.Execute();
+            bool skipped = false;
+            const std::string loadedRemote = doc->RemoteFileName();
+            const std::string newRemote = SaveDocumentFile(doc, skipped);
+            if (skipped) continue;  // ignored: no row, state kept
+            try {
+                SaveDocumentRow(AStatement, doc, state, loadedRemote, newRemote);
+            } catch (...) {
+                FUploaded.erase(doc);
+                DropUpload(newRemote);
+                throw;
             }
+            if (!newRemote.empty()) doc->SetRemoteFileName(newRemote);
         }
         if (state == chDeleted) {
             if (OnDeleteDocument) OnDeleteDocument(this, doc);
@@ -515,6 +650,8 @@ void TDBDocAdmin::SaveDirectoryDocuments(IDBSQLStatement& AStatement, IDBFieldSc
             if (OnChangeDocumentState) OnChangeDocumentState(this, doc, state);
         }
         ASaved = true;
+        if (!neverStored) DocumentSaved(AStatement);
+        AStatement.SetSchemaItem(ADocItem);
     }
 }
 
@@ -552,36 +689,107 @@ void TDBDocAdmin::DeleteDocumentRow(std::int32_t ADocumentID) {
     st->Execute();
 }
 
+std::int64_t TDBDocAdmin::DeleteDocumentRowOf(std::int32_t ADocumentID,
+                                              const std::string& ARemoteFile) {
+    IDBInterface* db = Database();
+    IPtr<IDBSQLStatement> st = db->CreateStatement(FPluginGUID);
+    st->SetDBATransactionID(FDBATransactionID);
+    st->SetSchemaItem(GetSchemaByName(db->GetFieldSchema(), FDocSection).get());
+    st->SetStatementKind(2);
+    st->AddFilter("id", Int(ADocumentID), ftExactEqual, flAnd);
+    AddLoadedRemoteFilter(*st, ARemoteFile);
+    st->Execute();
+    return st->RowsAffected();
+}
+
+bool TDBDocAdmin::IsRemoteFileReferenced(const std::string& ARemoteFile) {
+    for (const char* schema : {"docadmindocs", "docadmin_docarchive"}) {
+        TKRRecordSet rs(nullptr, Database());
+        rs.SetSchemaName(schema);
+        rs.SetSelectAll(false);
+        rs.GetSelectFields()->Add("id");
+        rs.SetDBATransactionID(FDBATransactionID);
+        AddFilter(rs.GetFilters(), "fllocname", TVariant(ARemoteFile), ftExactEqual);
+        rs.Open();
+        if (rs.GetRecordCount() > 0) return true;
+    }
+    return false;
+}
+
 bool TDBDocAdmin::UpdateDocumentWithID(TComponent* AOwner, std::int64_t ADocumentID,
                                        const std::string& ASourceFileName,
                                        TBaseDocFileLoader* ADocFileLoader, bool AddToArchive,
                                        bool AChangeFileName) {
-    TKRRecordSet rs(nullptr, Database());
+    IDBInterface* db = Database();
+    TKRRecordSet rs(nullptr, db);
     rs.SetSchemaName("docadmindocs");
     rs.SetSelectAll(true);
     rs.SetUpdateMode(umWriteBack);
+    rs.SetDBATransactionID(FDBATransactionID);
     for (const char* field : {"dirid", "creaid", "lastchangedid"})
         rs.GetSelectFieldOptions(field).DisableLookupValueLoading = true;
     AddFilter(rs.GetFilters(), "id", Int(ADocumentID));
     rs.Open();
     if (rs.GetRecordCount() == 0) return false;
-    if (AddToArchive) ArchiveRecordSetRow(AOwner, &rs, 0);
 
+    const std::string loadedRemote = rs.ValueByName(0, "fllocname").GetAsString();
+    const std::string docName = rs.ValueByName(0, "docname").GetAsString();
     const TFileVersion version =
         StrToFileVersion(rs.ValueByName(0, "flversion").GetAsString(), 4).Increment();
     const TDateTime date = GetFileDate(ASourceFileName);
     const std::int64_t size = std::max<std::int64_t>(0, GetFileSize(ASourceFileName));
-    // The upload comes before any cell is written: a failed one leaves the row as it was.
-    const std::string remote =
-        ADocFileLoader->UploadFile(ASourceFileName, rs.ValueByName(0, "fllocname").GetAsString(),
-                                   AddToArchive ? upmNew : upmChange);
-    rs.ValueByName(0, "flversion", true).SetAsString(FileVersionToStr(version));
-    rs.ValueByName(0, "fldate", true).SetAsFloat(date);
-    rs.ValueByName(0, "flsize", true).SetAsInteger(size);
-    if (AddToArchive) rs.ValueByName(0, "fllocname", true).SetAsString(remote);
-    if (AChangeFileName)
-        rs.ValueByName(0, "docname", true).SetAsString(ExtractFileName(ASourceFileName));
-    rs.SaveRecordNumber(0);
+    // The new content goes to a new remote name before any row is touched, with no transaction
+    // open: a failed or killed upload leaves the row and its file as they were.
+    const std::string remote = ADocFileLoader->UploadFile(ASourceFileName, std::string(), upmNew);
+
+    // The row's change and the archive row in one transaction (the caller's, or one of its own),
+    // the change only while the row still names the file that was read: of concurrent replaces
+    // one wins, the others fail before they archive anything.
+    const bool ownTx = FDBATransactionID == 0;
+    const std::int64_t tx = ownTx ? db->BeginTransaction() : FDBATransactionID;
+    try {
+        IPtr<IDBSQLStatement> st = db->CreateStatement(FPluginGUID);
+        st->SetDBATransactionID(tx);
+        st->SetSchemaItem(GetSchemaByName(db->GetFieldSchema(), "docadmindocs").get());
+        st->SetStatementKind(1);
+        st->AddFilter("id", Int(ADocumentID), ftExactEqual, flAnd);
+        AddLoadedRemoteFilter(*st, loadedRemote);
+        st->AddField("flversion", TVariant(FileVersionToStr(version)));
+        st->AddField("fldate", TVariant::FromDate(date));
+        st->AddField("flsize", Int(size));
+        st->AddField("fllocname", TVariant(remote));
+        if (AChangeFileName) st->AddField("docname", TVariant(ExtractFileName(ASourceFileName)));
+        st->Execute();
+        if (st->RowsAffected() == 0)
+            throw EDocAdminChangedByOtherUser(
+                "Document " + std::to_string(ADocumentID) + " ('" + docName +
+                "') was changed or removed by another user meanwhile; its content was not "
+                "replaced.");
+        // The archive copies the row as it was read, before this change.
+        if (AddToArchive) ArchiveRecordSetRow(AOwner, &rs, 0, tx);
+        if (ownTx) db->CommitTransaction(tx);
+    } catch (...) {
+        try {
+            if (ownTx) db->RollbackTransaction(tx);
+        } catch (...) {  // the original failure is the one to report
+        }
+        try {
+            ADocFileLoader->RemoveFile(remote, docName);
+        } catch (...) {  // left as a file that no row names
+        }
+        throw;
+    }
+    // Without an archived version the old file has no row any more; within a caller's
+    // transaction it goes when that commits.
+    if (!AddToArchive && !ownTx) {
+        QueueFileRemoval(static_cast<std::int32_t>(ADocumentID), loadedRemote, docName);
+    } else if (!AddToArchive) {
+        try {
+            if (!loadedRemote.empty() && !IsRemoteFileReferenced(loadedRemote))
+                ADocFileLoader->RemoveFile(loadedRemote, docName);
+        } catch (...) {  // the replace stands; the old file stays unreferenced
+        }
+    }
     return true;
 }
 

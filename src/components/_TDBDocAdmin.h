@@ -10,16 +10,28 @@
 //
 // Saving walks the tree in two passes: new directories and every document first, then changed
 // and deleted directories. For a document the file moves first and the row second, since the row
-// names the remote file. No transaction is opened here: every statement and record set joins
-// DBATransactionID (0: each row stands by itself), except the archive rows, which are written on a
-// connection of their own. A failed file transfer is answered by the host's MessageDlg on the main
-// thread (Abort, Retry, Ignore) and is an abort everywhere else.
+// names the remote file. Every statement and record set joins DBATransactionID; without one, the
+// statements of one document (its row and its archive row) run in a transaction of their own. A
+// failed file transfer is answered by the host's MessageDlg on the main thread (Abort, Retry,
+// Ignore) and is an abort everywhere else.
+//
+// Safety rules of a save, which several users may run on the same rows at once:
+// - New content always goes to a new remote file, also when no version is archived; an existing
+//   file is never overwritten, so a failed or killed save leaves the old row with its old file.
+// - A change or deletion names the remote file that the row had when it was loaded; a row that
+//   no longer has it was changed by someone else, and the save raises EDocAdminChangedByOtherUser
+//   (the file just uploaded is removed again).
+// - Rows go before files: a file that a save no longer needs is removed after the commit, and only
+//   when no current or archived row names it (RemovePendingFiles). A failure between the two
+//   leaves an unreferenced file, never a row without its file.
 //
 // The database is that of the main interface. An administrator and its record sets are used by
 // one thread at a time.
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -100,9 +112,11 @@ class TDBDocAdmin : public TBaseDocAdmin {
     void DeleteDocumentRow(std::int32_t ADocumentID) override;
     // Documents of every directory in ADirs that is neither loaded nor new, in one query.
     void LoadFilesForDirectory(const std::vector<TDocDirectory*>& ADirs) override;
-    // Replaces the file of a row without a tree: archives the row first when AddToArchive,
-    // raises the version, uploads (upmNew with archive, else upmChange) and writes the row back.
-    // Works outside any transaction. False when no row has the id; then nothing is touched.
+    // Replaces the file of a row without a tree: uploads to a new remote name, then in one
+    // transaction (DBATransactionID's, else one of its own) raises the version and writes the row
+    // while it still names the file that was read (else EDocAdminChangedByOtherUser, and the
+    // upload is removed), and with AddToArchive archives the row as it was. Without archive the
+    // old file is removed after the commit. False when no row has the id; nothing is touched.
     bool UpdateDocumentWithID(TComponent* AOwner, std::int64_t ADocumentID,
                               const std::string& ASourceFileName,
                               TBaseDocFileLoader* ADocFileLoader, bool AddToArchive,
@@ -115,6 +129,23 @@ class TDBDocAdmin : public TBaseDocAdmin {
 
     // The database of the main interface; raises when there is none.
     IDBInterface* Database() const;
+
+    // Deletes the row of a document only while it still names ARemoteFile; answers the number
+    // of rows deleted (0: the row changed or went meanwhile).
+    std::int64_t DeleteDocumentRowOf(std::int32_t ADocumentID,
+                                     const std::string& ARemoteFile) override;
+    // True while a row of the document table or of the archive names the remote file.
+    bool IsRemoteFileReferenced(const std::string& ARemoteFile) override;
+
+    // Batched saving, for long imports: with a batch size, DoSaveChanges uploads the files of the
+    // next ABatchSize documents with no transaction open, then calls ABegin (which must open a
+    // transaction and set DBATransactionID), writes their rows and calls ACommit, and so on; a
+    // failure calls ARollback and removes the files that the rolled-back rows named. Other
+    // writers so wait for one batch's rows at most, never for uploads.
+    void SetSaveBatching(std::size_t ABatchSize, std::function<void()> ABegin,
+                         std::function<void()> ACommit, std::function<void()> ARollback);
+    // Documents whose rows were committed by the batches of the last save.
+    std::size_t CommittedDocuments() const { return FCommittedDocuments; }
 
   private:
     friend class TBaseLoaderRecordSet;
@@ -129,12 +160,34 @@ class TDBDocAdmin : public TBaseDocAdmin {
                            bool& ASaved);
     void SaveDirectoryDocuments(IDBSQLStatement& AStatement, IDBFieldSchemaItem* ADocItem,
                                 TDocDirectory* ADirectory, bool& ASaved);
-    // The file step of one document; false when the person chose Ignore.
-    bool SaveDocumentFile(TDocument* ADocument);
+    static void CollectUploadDocuments(TDocDirectory* ADirectory, std::vector<TDocument*>& ADocs);
+    // The upload of one document, to a new remote name that it answers (empty: nothing to
+    // upload); a file uploaded ahead by a batch is taken as it is. Throws EAbort when the person
+    // chose Abort (or nobody can be asked); ASkipped is set when the person chose Ignore.
+    std::string SaveDocumentFile(TDocument* ADocument, bool& ASkipped);
+    // Writes the row (and the archive row) of one document whose file step is done; raises
+    // EDocAdminChangedByOtherUser when the row isn't the loaded one any more.
+    void SaveDocumentRow(IDBSQLStatement& AStatement, TDocument* ADocument, TChangeState AState,
+                         const std::string& ALoadedRemote, const std::string& ANewRemote);
+    // Batching: uploads the files of the next batch and opens its transaction; after a batch's
+    // last document, commits it.
+    void BeginSaveBatch();
+    void DocumentSaved(IDBSQLStatement& AStatement);
     void RemoveDeletedDirectories(TDocDirectory* ADirectory);
+    // Removes a file just uploaded whose row was not written; failures leave it unreferenced.
+    void DropUpload(const std::string& ARemoteFile) noexcept;
 
     std::string FDirSection;
     std::string FDocSection;
+
+    std::size_t FBatchSize = 0;
+    std::function<void()> FBatchBegin, FBatchCommit, FBatchRollback;
+    std::vector<TDocument*> FBatchOrder;          // documents with uploads, in save order
+    std::size_t FBatchNext = 0;                   // first document of FBatchOrder not uploaded
+    std::map<TDocument*, std::string> FUploaded;  // uploaded ahead, rows not yet committed
+    std::size_t FBatchDocuments = 0;              // documents saved in the open batch
+    std::size_t FCommittedDocuments = 0;
+    bool FBatchOpen = false;
 };
 
 }  // namespace docadmin

@@ -50,6 +50,8 @@ DOCADMIN_DECLARE_EXCEPTION(EFileNotFoundInRepositoryException, EKRUserMessageExc
 DOCADMIN_DECLARE_EXCEPTION(EDocAdminException, Exception);
 DOCADMIN_DECLARE_EXCEPTION(EDocAdminFileNotFoundInRepository, EDocAdminException);
 DOCADMIN_DECLARE_EXCEPTION(EDocAdminNoWriteAccessError, EDocAdminException);
+// A document's row no longer is what the change was based on: someone else changed or removed it.
+DOCADMIN_DECLARE_EXCEPTION(EDocAdminChangedByOtherUser, EDocAdminException);
 
 // A peer closed a transfer connection in an orderly way. A save counts a transfer that ends with
 // it as done.

@@ -58,6 +58,7 @@ class TFlakyStore : public TDocFileLoaderLocFile {
     std::string UploadFile(const std::string& LocalFileName, const std::string& RemoteFileName,
                            TUploadMode Mode) override {
         ++Uploads;
+        if (FailUploadsAfter >= 0 && FailUploadsAfter-- == 0) FailUploads = 1;
         if (FailUploads > 0) {
             --FailUploads;
             throw EInOutError("Upload of '" + LocalFileName + "' failed: no space left");
@@ -68,6 +69,10 @@ class TFlakyStore : public TDocFileLoaderLocFile {
     }
     void RemoveFile(const std::string& RemoteFile, const std::string& ADescription) override {
         ++Removes;
+        if (OnRemove) OnRemove();
+        if (FailRemoves)
+            throw EKRUserMessageException("File " + RemotePath(RemoteFile) +
+                                          " can't be removed from the repository: read-only");
         TDocFileLoaderLocFile::RemoveFile(RemoteFile, ADescription);
     }
     bool Has(const std::string& remote) const { return fs::exists(RemotePath(remote)); }
@@ -75,7 +80,10 @@ class TFlakyStore : public TDocFileLoaderLocFile {
 
     int Uploads = 0;
     int Removes = 0;
-    int FailUploads = 0;  // so many uploads fail before the next one works
+    int FailUploads = 0;        // so many uploads fail before the next one works
+    int FailUploadsAfter = -1;  // after so many uploads the next one fails (-1: never)
+    bool FailRemoves = false;
+    std::function<void()> OnRemove;
     bool CloseGracefully = false;
 };
 
@@ -84,6 +92,7 @@ inline const std::string kPlugin = "{0C7D51E2-1F0B-4C55-9E7A-3B8F2D6A4C10}";
 class PersistTest : public docadmin::testing::DBTest {
   public:
     using DBTest::Insert;
+    using DBTest::Set;
 
     void SetUp() override {
         DBTest::SetUp();

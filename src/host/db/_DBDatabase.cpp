@@ -4,6 +4,7 @@
 #include <map>
 #include <mutex>
 #include <set>
+#include <thread>
 
 #include "_DBExec.h"
 #include "_DBInterface.h"
@@ -16,6 +17,8 @@ namespace {
 thread_local std::int64_t tCurrentUserID = 0;
 
 constexpr size_t kMaxIdleConnections = 8;
+// The PostgreSQL advisory lock that serialises schema upgrades of several processes.
+constexpr long long kUpgradeLockKey = 0x446F6341646D696E;  // "DocAdmin"
 
 class TDBDatabase;
 
@@ -86,9 +89,10 @@ class TDBDatabase : public TInterfacedObject, public IDBInterface {
           FSchema(std::move(ASchema)) {}
 
     ~TDBDatabase() override {
-        for (auto& [id, conn] : FTransactions) {
+        for (auto& [id, t] : FTransactions) {
+            if (!t.Owned) continue;
             try {
-                conn->ExecDirect("ROLLBACK");
+                t.Conn->ExecDirect("ROLLBACK");
             } catch (...) {
             }
         }
@@ -118,11 +122,11 @@ class TDBDatabase : public TInterfacedObject, public IDBInterface {
         TDBResult r;
         TDBParam p;
         p.Value = TVariant(static_cast<long long>(ADBID));
-        AcquireConnection(0)->Execute("SELECT " + TDBDialect::QuoteName("globalrecuid") + " FROM " +
-                                          TDBDialect::QuoteName(t.SQLTableName) + " WHERE " +
-                                          TDBDialect::QuoteName(t.KeyField().Name) + " = " +
-                                          FDialect.Placeholder(1),
-                                      {p}, &r);
+        AcquireConnection(0, false)->Execute(
+            "SELECT " + TDBDialect::QuoteName("globalrecuid") + " FROM " +
+                TDBDialect::QuoteName(t.SQLTableName) + " WHERE " +
+                TDBDialect::QuoteName(t.KeyField().Name) + " = " + FDialect.Placeholder(1),
+            {p}, &r);
         return r.RowCount() == 0 ? std::string() : r.At(0, 0).AsString();
     }
 
@@ -132,32 +136,59 @@ class TDBDatabase : public TInterfacedObject, public IDBInterface {
         TDBResult r;
         TDBParam p;
         p.Value = TVariant(ARecordUID);
-        AcquireConnection(0)->Execute("SELECT " + TDBDialect::QuoteName(t.KeyField().Name) +
-                                          " FROM " + TDBDialect::QuoteName(t.SQLTableName) +
-                                          " WHERE " + TDBDialect::QuoteName("globalrecuid") +
-                                          " = " + FDialect.Placeholder(1),
-                                      {p}, &r);
+        AcquireConnection(0, false)->Execute("SELECT " + TDBDialect::QuoteName(t.KeyField().Name) +
+                                                 " FROM " + TDBDialect::QuoteName(t.SQLTableName) +
+                                                 " WHERE " + TDBDialect::QuoteName("globalrecuid") +
+                                                 " = " + FDialect.Placeholder(1),
+                                             {p}, &r);
         return r.RowCount() == 0 ? 0 : r.At(0, 0).AsInt64();
     }
 
     std::int64_t BeginTransaction() override {
+        if (FKind == TDBBackendKind::bkSQLite) {
+            // SQLite has one writer at a time: a second transaction of a thread that already holds
+            // one would wait for itself. It becomes a savepoint on the same connection instead.
+            std::unique_lock lock(FLock);
+            if (TTransaction* outer = OwnTransaction()) {
+                TTransaction nested;
+                nested.Conn = outer->Conn;
+                nested.Owner = outer->Owner;
+                nested.Savepoint = "docadmin_sp" + std::to_string(FNextTransactionID + 1);
+                lock.unlock();
+                nested.Conn->ExecDirect("SAVEPOINT " + nested.Savepoint);
+                lock.lock();
+                const std::int64_t id = ++FNextTransactionID;
+                FTransactions.emplace(id, std::move(nested));
+                return id;
+            }
+        }
         std::unique_ptr<TDBConnection> conn = TakeIdle();
         conn->ExecDirect(FDialect.BeginTransactionSQL());
         std::lock_guard lock(FLock);
         const std::int64_t id = ++FNextTransactionID;
-        FTransactions.emplace(id, std::move(conn));
+        TTransaction t;
+        t.Conn = conn.get();
+        t.Owned = std::move(conn);
+        t.Owner = std::this_thread::get_id();
+        FTransactions.emplace(id, std::move(t));
         return id;
     }
 
-    void CommitTransaction(std::int64_t AID) override { EndTransaction(AID, "COMMIT"); }
-    void RollbackTransaction(std::int64_t AID) override { EndTransaction(AID, "ROLLBACK"); }
+    void CommitTransaction(std::int64_t AID) override { EndTransaction(AID, true); }
+    void RollbackTransaction(std::int64_t AID) override { EndTransaction(AID, false); }
 
-    TDBConnectionLease AcquireConnection(std::int64_t AID) override {
+    TDBConnectionLease AcquireConnection(std::int64_t AID, bool AForWrite) override {
         if (AID != 0) {
             std::lock_guard lock(FLock);
             auto it = FTransactions.find(AID);
             if (it == FTransactions.end()) throw UnknownTransaction(AID);
-            return TDBConnectionLease(it->second.get(), nullptr);
+            return TDBConnectionLease(it->second.Conn, nullptr);
+        }
+        if (AForWrite && FKind == TDBBackendKind::bkSQLite) {
+            // A write outside a transaction, on a thread that holds SQLite's write lock, would wait
+            // for that lock until it times out; it runs on the transaction's connection instead.
+            std::lock_guard lock(FLock);
+            if (TTransaction* own = OwnTransaction()) return TDBConnectionLease(own->Conn, nullptr);
         }
         TDBConnection* conn = TakeIdle().release();
         return TDBConnectionLease(conn, [this](TDBConnection* c) { GiveBack(c); });
@@ -165,7 +196,22 @@ class TDBDatabase : public TInterfacedObject, public IDBInterface {
 
     std::vector<std::string> UpgradeSchema() override {
         std::vector<std::string> changes;
-        TDBConnectionLease conn = AcquireConnection(0);
+        TDBConnectionLease conn = AcquireConnection(0, false);
+        // Several processes may open a fresh database at once: the upgrade runs in a transaction
+        // that one of them holds at a time (SQLite's write lock, a PostgreSQL advisory lock), and
+        // each looks at the tables only once it holds it.
+        bool committed = false;
+        conn->ExecDirect(FDialect.BeginTransactionSQL());
+        TFinally endUpgrade{[&] {
+            if (committed) return;
+            try {
+                conn->ExecDirect("ROLLBACK");
+            } catch (...) {
+            }
+        }};
+        if (FKind == TDBBackendKind::bkPostgreSQL)
+            conn->ExecDirect("SELECT pg_advisory_xact_lock(" + std::to_string(kUpgradeLockKey) +
+                             ")");
         for (const std::string& name : FSchema->SchemaNames()) {
             const TDBTableDef& t = *FSchema->FindTable(name);
             const std::vector<std::string> have = conn->TableColumns(t.SQLTableName);
@@ -194,6 +240,8 @@ class TDBDatabase : public TInterfacedObject, public IDBInterface {
                                  table + " (" + cols + ")");
             }
         }
+        conn->ExecDirect("COMMIT");
+        committed = true;
         return changes;
     }
 
@@ -224,27 +272,49 @@ class TDBDatabase : public TInterfacedObject, public IDBInterface {
         if (FIdle.size() < kMaxIdleConnections) FIdle.push_back(std::move(owned));
     }
 
-    void EndTransaction(std::int64_t id, const char* sql) {
-        std::unique_ptr<TDBConnection> conn;
+    void EndTransaction(std::int64_t id, bool ACommit) {
+        TTransaction t;
         {
             std::lock_guard lock(FLock);
             auto it = FTransactions.find(id);
             if (it == FTransactions.end()) throw UnknownTransaction(id);
-            conn = std::move(it->second);
+            t = std::move(it->second);
             FTransactions.erase(it);
         }
+        if (!t.Savepoint.empty()) {
+            if (!ACommit) t.Conn->ExecDirect("ROLLBACK TO " + t.Savepoint);
+            t.Conn->ExecDirect("RELEASE " + t.Savepoint);
+            return;
+        }
         try {
-            conn->ExecDirect(sql);
+            t.Conn->ExecDirect(ACommit ? "COMMIT" : "ROLLBACK");
         } catch (...) {
             // A failed commit leaves the transaction open on the server; end it and drop the
             // connection rather than hand it on.
             try {
-                conn->ExecDirect("ROLLBACK");
+                t.Conn->ExecDirect("ROLLBACK");
             } catch (...) {
             }
             throw;
         }
-        GiveBack(conn.release());
+        GiveBack(t.Owned.release());
+    }
+
+    // An open transaction on a connection of its own (Owned), or a savepoint within the
+    // transaction of the same thread (Savepoint, the connection belongs to the outer one).
+    struct TTransaction {
+        TDBConnection* Conn = nullptr;
+        std::unique_ptr<TDBConnection> Owned;
+        std::thread::id Owner;
+        std::string Savepoint;
+    };
+
+    // The outermost transaction that the calling thread holds; FLock must be held.
+    TTransaction* OwnTransaction() {
+        const std::thread::id me = std::this_thread::get_id();
+        for (auto& [id, t] : FTransactions)
+            if (t.Owner == me && t.Owned) return &t;
+        return nullptr;
     }
 
     TDatabaseParams FParams;
@@ -254,7 +324,7 @@ class TDBDatabase : public TInterfacedObject, public IDBInterface {
 
     std::mutex FLock;  // guards FIdle, FTransactions, FNextTransactionID
     std::vector<std::unique_ptr<TDBConnection>> FIdle;
-    std::map<std::int64_t, std::unique_ptr<TDBConnection>> FTransactions;
+    std::map<std::int64_t, TTransaction> FTransactions;
     std::int64_t FNextTransactionID = 0;
 };
 

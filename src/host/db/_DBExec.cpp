@@ -40,7 +40,7 @@ class TDeleteNotify : public IKRSQLDeleteNotify {
 // Runs a write statement on the transaction's connection or a pooled one.
 std::int64_t Run(IDBInterface& db, std::int64_t tx, const std::string& sql,
                  const std::vector<TDBParam>& params, TDBResult* result = nullptr) {
-    TDBConnectionLease conn = db.AcquireConnection(tx);
+    TDBConnectionLease conn = db.AcquireConnection(tx, true);
     return conn->Execute(sql, params, result);
 }
 

@@ -82,8 +82,12 @@ class IDBInterface : public IInterface {
     virtual std::vector<std::string> UpgradeSchema() = 0;
 
     // For the layer's own classes: a connection for one operation, the transaction's when AID
-    // isn't 0.
-    virtual TDBConnectionLease AcquireConnection(std::int64_t ADBATransactionID) = 0;
+    // isn't 0. A write without a transaction (AForWrite) on SQLite, by a thread that holds an open
+    // transaction and so SQLite's only write lock, gets that transaction's connection: on another
+    // it would wait for the lock its own thread holds. Reads keep their own connection and don't
+    // see the transaction's uncommitted rows.
+    virtual TDBConnectionLease AcquireConnection(std::int64_t ADBATransactionID,
+                                                 bool AForWrite = false) = 0;
     virtual const TDBDialect& GetDialect() = 0;
 };
 

@@ -11,7 +11,8 @@ namespace docadmin {
 
 namespace {
 
-constexpr int kBusyTimeoutMs = 15000;
+// Writers wait their turn behind another writer this long before "database is locked".
+constexpr int kBusyTimeoutMs = 60000;
 constexpr size_t kMaxCachedStatements = 200;
 
 void AppendJSONString(std::string& out, const std::string& s) {
