@@ -172,7 +172,8 @@ TDocAdminConfig TDocAdminConfig::FromString(const std::string& AText,
     }
     if (const toml::node* n = doc.get("min_password_length")) {
         auto i = n->value_exact<std::int64_t>();
-        if (!i || *i < 1 || *i > 1024) r.Fail("min_password_length must be a number from 1 to 1024");
+        if (!i || *i < 1 || *i > 1024)
+            r.Fail("min_password_length must be a number from 1 to 1024");
         c.FMinPasswordLength = static_cast<int>(*i);
     }
 

@@ -186,8 +186,8 @@ std::string TUserStore::CheckUserName(const std::string& AUserName) {
             "A user name must be UTF-8 text without control characters (tabs and line breaks "
             "included)");
     if (static_cast<size_t>(chars) > kMaxUserNameChars)
-        throw EUserStoreError("A user name may have at most " +
-                              std::to_string(kMaxUserNameChars) + " characters");
+        throw EUserStoreError("A user name may have at most " + std::to_string(kMaxUserNameChars) +
+                              " characters");
     return name;
 }
 
