@@ -1,6 +1,7 @@
 // Settings, users and rights on both databases.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <thread>
 
 #include "_TDBSettingsStorage.h"
@@ -232,6 +233,30 @@ TEST_P(RuntimeUsers, NamesCompareTrimmedAndWithoutCase) {
     EXPECT_EQ(Users().GetUser(bob)->UserName, "BOBBY");
     EXPECT_THROW(Users().RenameUser("bobby", " alice"), EUserStoreError);
     EXPECT_THROW(Users().RenameUser("nobody", "x"), EUserStoreError);
+}
+
+TEST_P(RuntimeUsers, SpellingsOfOneNameAddedAtOnceGiveOneUser) {
+    const char* spellings[] = {"carol", "Carol", "CAROL", "carol "};
+    for (int round = 0; round < 3; ++round) {
+        std::atomic<int> added{0};
+        std::vector<std::thread> threads;
+        for (const char* name : spellings)
+            threads.emplace_back([&, name] {
+                TUserStore store(DB.get(), kFastIterations);
+                TUserInfo u;
+                u.UserName = name;
+                try {
+                    store.AddUser(u, std::string(kPw));
+                    ++added;
+                } catch (const EUserStoreError&) {
+                }
+            });
+        for (auto& t : threads)
+            t.join();
+        EXPECT_EQ(added.load(), 1);
+        ASSERT_EQ(Users().ListUsers().size(), static_cast<size_t>(round + 1));
+        Users().RenameUser("carol", "done" + std::to_string(round));
+    }
 }
 
 TEST_P(RuntimeUsers, NamesThatAreNotPrintableUTF8AreRefused) {
