@@ -3,12 +3,15 @@
 //   user add NAME [--password-stdin | --no-password] [--read-only] [--admin] [--group G]
 //   user list
 //   user passwd NAME [--password-stdin]
+//   user rename NAME NEWNAME
 //   user group-add NAME [--description TEXT]
 //   user groups
 //   user mode NAME GROUP MODE      (MODE: full, read, readwrite, denied or none)
 //
 // Passwords come from the first line of standard input with --password-stdin, or are asked for
-// twice on the terminal without echo.
+// twice on the terminal without echo; the user store refuses short and blank ones. Names and
+// texts from the database are listed through VisibleText, so that no control character reaches
+// the terminal.
 #include <termios.h>
 #include <unistd.h>
 
@@ -44,14 +47,20 @@ std::string AskHidden(const char* prompt) {
     return line;
 }
 
-std::string ReadPassword(bool fromStdin) {
-    if (fromStdin) return ReadLine(std::cin);
-    if (!isatty(STDIN_FILENO))
-        throw Exception("No terminal to ask for a password: use --password-stdin");
-    const std::string first = AskHidden("New password: ");
-    if (AskHidden("Repeat password: ") != first) throw Exception("The passwords differ");
-    if (first.empty()) throw Exception("An empty password is not allowed");
-    return first;
+// A password that the store accepts; refused ones raise EUserStoreError.
+std::string ReadPassword(const TUserStore& users, bool fromStdin) {
+    std::string password;
+    if (fromStdin) {
+        password = ReadLine(std::cin);
+    } else {
+        if (!isatty(STDIN_FILENO))
+            throw Exception("No terminal to ask for a password: use --password-stdin");
+        password = AskHidden("New password: ");
+        users.CheckPassword(password);  // before asking again
+        if (AskHidden("Repeat password: ") != password) throw Exception("The passwords differ");
+    }
+    users.CheckPassword(password);
+    return password;
 }
 
 // A group by id or by name.
@@ -73,13 +82,14 @@ std::int64_t ResolveGroup(TUserStore& users, const std::string& text) {
 
 TUserInfo RequireUser(TUserStore& users, const std::string& name) {
     const auto u = users.FindUser(name);
-    if (!u) throw Exception("User " + name + " does not exist");
+    if (!u) throw Exception("User " + VisibleText(name) + " does not exist");
     return *u;
 }
 
 struct UserOptions {
     HostOptions Host;
     std::string Name;
+    std::string NewName;
     std::string Group;
     std::string FullName;
     std::string Description;
@@ -115,10 +125,14 @@ void Install(CLI::App& app) {
         u.ReadOnly = o->ReadOnly;
         u.Admin = o->Admin;
         if (!o->Group.empty()) u.DefaultACLGroup = ResolveGroup(users, o->Group);
-        if (users.FindUser(o->Name)) throw Exception("User " + o->Name + " exists");
-        const std::string password = o->NoPassword ? std::string() : ReadPassword(o->PasswordStdin);
+        // Name checks before the password is asked for.
+        u.UserName = TUserStore::CheckUserName(o->Name);
+        if (const auto other = users.FindUser(u.UserName))
+            throw Exception("User " + VisibleText(other->UserName) + " exists");
+        std::optional<std::string> password;
+        if (!o->NoPassword) password = ReadPassword(users, o->PasswordStdin);
         const std::int64_t id = users.AddUser(u, password);
-        std::cout << "added user " << o->Name << " (id " << id << ")\n";
+        std::cout << "added user " << VisibleText(u.UserName) << " (id " << id << ")\n";
     });
 
     CLI::App* list = user->add_subcommand("list", "List the users");
@@ -137,8 +151,16 @@ void Install(CLI::App& app) {
             flag(u.ReadOnly, "read-only");
             flag(u.Disabled, "disabled");
             flag(!u.HasPassword, "no-password");
-            std::cout << u.ID << "\t" << u.UserName << "\t" << (flags.empty() ? "-" : flags) << "\t"
-                      << u.DefaultACLGroup << "\t" << u.FullName << "\n";
+            std::cout << u.ID << "\t" << VisibleText(u.UserName) << "\t"
+                      << (flags.empty() ? "-" : flags) << "\t" << u.DefaultACLGroup << "\t"
+                      << VisibleText(u.FullName) << "\n";
+        }
+        // Names from before names compared without case and spaces: each must be renamed.
+        for (const auto& same : host->Users().DuplicateUserNames()) {
+            std::cerr << "warning: these user names differ only in case or spaces:";
+            for (const TUserInfo& u : same)
+                std::cerr << " \"" << VisibleText(u.UserName) << "\" (id " << u.ID << ")";
+            std::cerr << "; rename all but one with 'docadmin user rename'\n";
         }
     });
 
@@ -149,9 +171,21 @@ void Install(CLI::App& app) {
                      "read the password from the first line of standard input");
     passwd->callback([o] {
         auto host = OpenHost(o->Host);
-        RequireUser(host->Users(), o->Name);
-        host->Users().SetPassword(o->Name, ReadPassword(o->PasswordStdin));
-        std::cout << "password of " << o->Name << " changed\n";
+        const TUserInfo u = RequireUser(host->Users(), o->Name);
+        host->Users().SetPassword(o->Name, ReadPassword(host->Users(), o->PasswordStdin));
+        std::cout << "password of " << VisibleText(u.UserName) << " changed\n";
+    });
+
+    CLI::App* rename = user->add_subcommand("rename", "Give a user another name");
+    AddHostOptions(rename, o->Host);
+    rename->add_option("NAME", o->Name, "user name")->required();
+    rename->add_option("NEWNAME", o->NewName, "the new name")->required();
+    rename->callback([o] {
+        auto host = OpenHost(o->Host);
+        const TUserInfo u = RequireUser(host->Users(), o->Name);
+        host->Users().RenameUser(o->Name, o->NewName);
+        std::cout << "renamed user " << VisibleText(u.UserName) << " (id " << u.ID << ") to "
+                  << VisibleText(host->Users().GetUser(u.ID)->UserName) << "\n";
     });
 
     CLI::App* groupAdd = user->add_subcommand("group-add", "Add an ACL group");
@@ -161,7 +195,7 @@ void Install(CLI::App& app) {
     groupAdd->callback([o] {
         auto host = OpenHost(o->Host);
         const std::int64_t id = host->Users().AddACLGroup(o->Name, o->Description);
-        std::cout << "added ACL group " << o->Name << " (id " << id << ")\n";
+        std::cout << "added ACL group " << VisibleText(o->Name) << " (id " << id << ")\n";
     });
 
     CLI::App* groups = user->add_subcommand("groups", "List the ACL groups");
@@ -170,7 +204,8 @@ void Install(CLI::App& app) {
         auto host = OpenHost(o->Host);
         std::cout << "id\tname\tdescription\n";
         for (const TACLGroupInfo& g : host->Users().ListACLGroups())
-            std::cout << g.ID << "\t" << g.Name << "\t" << g.Description << "\n";
+            std::cout << g.ID << "\t" << VisibleText(g.Name) << "\t" << VisibleText(g.Description)
+                      << "\n";
     });
 
     CLI::App* mode = user->add_subcommand("mode", "Set a user's mode in an ACL group");
@@ -194,7 +229,8 @@ void Install(CLI::App& app) {
                                                             : uamDenied;
             users.SetUserACLMode(u.ID, g, m);
         }
-        std::cout << "mode of " << o->Name << " in group " << o->Group << ": " << o->Mode << "\n";
+        std::cout << "mode of " << VisibleText(u.UserName) << " in group " << VisibleText(o->Group)
+                  << ": " << o->Mode << "\n";
     });
 }
 

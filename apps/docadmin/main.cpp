@@ -1,4 +1,6 @@
 // docadmin: the host with the document module, and the administrator's tools as verbs.
+#include <sys/stat.h>
+
 #include <iostream>
 
 #include "_SysUtils.h"
@@ -15,6 +17,11 @@ std::vector<CommandInstaller>& CommandInstallers() {
 
 int main(int argc, char** argv) {
     using namespace docadmin::app;
+    // What this program creates (databases, store folders and files, settings that may hold
+    // account keys, copies of documents) is readable by its owner only: the documents are
+    // guarded by rights in the database, and a copy on disk must not be open to every local
+    // user. A stricter mask of the caller stays.
+    ::umask(::umask(0) | 077);
     CLI::App app{"docadmin - document administration: stores, containers and document trees"};
     app.set_version_flag("--version", std::string("docadmin ") + DOCADMIN_VERSION);
     app.require_subcommand(0, 1);

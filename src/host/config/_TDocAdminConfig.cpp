@@ -46,7 +46,7 @@ const std::set<std::string>& TopLevelKeys() {
     static const std::set<std::string> keys{
         "data_dir",     "selected_database",    "offline_database",
         "seed_docroot", "can_create_container", "databases",
-        "local"};
+        "local",        "min_password_length"};
     return keys;
 }
 
@@ -169,6 +169,12 @@ TDocAdminConfig TDocAdminConfig::FromString(const std::string& AText,
         auto b = n->value_exact<bool>();
         if (!b) r.Fail("can_create_container must be true or false");
         c.FCanCreateContainer = *b;
+    }
+    if (const toml::node* n = doc.get("min_password_length")) {
+        auto i = n->value_exact<std::int64_t>();
+        if (!i || *i < 1 || *i > 1024)
+            r.Fail("min_password_length must be a number from 1 to 1024");
+        c.FMinPasswordLength = static_cast<int>(*i);
     }
 
     // Databases, ordered by name (the order of a TOML table).

@@ -26,6 +26,9 @@
 
 namespace docadmin {
 
+// The fewest characters of a user's password when the configuration doesn't say.
+inline constexpr int DefaultMinPasswordLength = 8;
+
 // A configuration that cannot be read or doesn't make sense; the message names the file.
 DOCADMIN_DECLARE_EXCEPTION(EConfigError, Exception);
 
@@ -84,6 +87,8 @@ class TDocAdminConfig {
     const std::string& SeedDocRoot() const { return FSeedDocRoot; }
     // Whether cloud stores may create their container when it is missing.
     bool CanCreateContainer() const { return FCanCreateContainer; }
+    // The fewest characters a user's password may have.
+    int MinPasswordLength() const { return FMinPasswordLength; }
 
     const TLocalSettings& LocalSettings() const { return FLocalSettings; }
 
@@ -97,6 +102,7 @@ class TDocAdminConfig {
     int FOfflineIndex = -1;
     std::string FSeedDocRoot;
     bool FCanCreateContainer = true;
+    int FMinPasswordLength = DefaultMinPasswordLength;
     TLocalSettings FLocalSettings;
 };
 

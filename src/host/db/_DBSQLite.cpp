@@ -1,6 +1,8 @@
 // The SQLite backend: one sqlite3 handle per connection, WAL, a busy timeout, and prepared
 // statements cached by SQL text.
+#include <fcntl.h>
 #include <sqlite3.h>
+#include <unistd.h>
 
 #include <charconv>
 #include <unordered_map>
@@ -62,6 +64,12 @@ std::string ListToJSON(const std::vector<TVariant>& items) {
 class TSQLiteConnection : public TDBConnection {
   public:
     explicit TSQLiteConnection(const std::string& path) {
+        // A new database file is made readable by its owner only; SQLite gives its -wal and -shm
+        // files the mode of the database file. An existing file keeps the mode it has.
+        if (!path.empty() && path != ":memory:" && path.rfind("file:", 0) != 0) {
+            const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+            if (fd >= 0) ::close(fd);
+        }
         const int rc = sqlite3_open_v2(
             path.c_str(), &FDB, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
             nullptr);

@@ -33,7 +33,7 @@ THost::THost(TDocAdminConfig AConfig, std::uint8_t ARunMode, int APasswordIterat
       FDatabase(OpenDatabase(DatabaseParams(FConfig))),
       FGlobalSettings(FDatabase.get()),
       FUserSettings(FDatabase.get(), [] { return GetDBCurrentUserID(); }),
-      FUsers(FDatabase.get(), APasswordIterations) {}
+      FUsers(FDatabase.get(), APasswordIterations, FConfig.MinPasswordLength()) {}
 
 THost::~THost() {
     try {

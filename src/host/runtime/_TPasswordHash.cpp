@@ -58,20 +58,13 @@ std::vector<unsigned char> Derive(const std::string& APassword,
     return key;
 }
 
-}  // namespace
+// The parts of a stored hash; false when the text is not in the format above.
+struct TStoredHash {
+    long Iterations = 0;
+    std::vector<unsigned char> Salt, Key;
+};
 
-std::string HashPassword(const std::string& APassword, int AIterations) {
-    if (AIterations < 1 || AIterations > kMaxIterations)
-        throw EArgumentException("Password hash iterations out of range");
-    std::vector<unsigned char> salt(kSaltBytes);
-    if (RAND_bytes(salt.data(), static_cast<int>(salt.size())) != 1)
-        throw Exception("No random bytes for a password salt");
-    const auto key = Derive(APassword, salt, AIterations, kKeyBytes);
-    return std::string(kScheme) + "$" + std::to_string(AIterations) + "$" + ToHex(salt) + "$" +
-           ToHex(key);
-}
-
-bool VerifyPassword(const std::string& APassword, const std::string& AStoredHash) {
+bool ParseStoredHash(const std::string& AStoredHash, TStoredHash& AOut) {
     // scheme $ iterations $ salt $ key
     std::vector<std::string> parts;
     size_t start = 0;
@@ -88,10 +81,34 @@ bool VerifyPassword(const std::string& APassword, const std::string& AStoredHash
         iterations = iterations * 10 + (c - '0');
     }
     if (parts[1].empty() || iterations < 1 || iterations > kMaxIterations) return false;
-    std::vector<unsigned char> salt, key;
-    if (!FromHex(parts[2], salt) || !FromHex(parts[3], key)) return false;
-    const auto derived = Derive(APassword, salt, static_cast<int>(iterations), key.size());
-    return CRYPTO_memcmp(derived.data(), key.data(), key.size()) == 0;
+    AOut.Iterations = iterations;
+    return FromHex(parts[2], AOut.Salt) && FromHex(parts[3], AOut.Key);
+}
+
+}  // namespace
+
+std::string HashPassword(const std::string& APassword, int AIterations) {
+    if (AIterations < 1 || AIterations > kMaxIterations)
+        throw EArgumentException("Password hash iterations out of range");
+    std::vector<unsigned char> salt(kSaltBytes);
+    if (RAND_bytes(salt.data(), static_cast<int>(salt.size())) != 1)
+        throw Exception("No random bytes for a password salt");
+    const auto key = Derive(APassword, salt, AIterations, kKeyBytes);
+    return std::string(kScheme) + "$" + std::to_string(AIterations) + "$" + ToHex(salt) + "$" +
+           ToHex(key);
+}
+
+bool VerifyPassword(const std::string& APassword, const std::string& AStoredHash) {
+    TStoredHash h;
+    if (!ParseStoredHash(AStoredHash, h)) return false;
+    const auto derived = Derive(APassword, h.Salt, static_cast<int>(h.Iterations), h.Key.size());
+    return CRYPTO_memcmp(derived.data(), h.Key.data(), h.Key.size()) == 0;
+}
+
+bool PasswordHashNeedsUpgrade(const std::string& AStoredHash, int AIterations) {
+    TStoredHash h;
+    return !ParseStoredHash(AStoredHash, h) || h.Iterations < AIterations ||
+           h.Key.size() < kKeyBytes || h.Salt.size() < kSaltBytes;
 }
 
 }  // namespace docadmin

@@ -6,6 +6,19 @@
 // A user's mode in a group is one of TUserACLMode; a user without a row for a group is denied in
 // it.
 //
+// User names are compared without the white space around them and without regard to the case
+// of the letters A-Z ("Alice " is "alice"); other letters compare exactly. A new or renamed user
+// is stored under the trimmed name, which must be valid UTF-8 of at most 100 characters without
+// control characters. A database written before these rules may hold several names that now
+// compare equal: a lookup then takes the one spelled exactly as asked for and otherwise fails
+// with EUserStoreError naming them; DuplicateUserNames lists them so they can be renamed.
+// Lookups read the names of all users (the table is small) and compare them here, so that both
+// databases compare alike.
+//
+// A password must have at least the configured number of characters and must not be blank. A
+// hash older or weaker than the store's iteration count is made again at the next successful
+// login.
+//
 // The store holds no state of its own beyond the database and may be used from any thread.
 #pragma once
 
@@ -16,6 +29,7 @@
 #include <vector>
 
 #include "_DBInterface.h"
+#include "_TDocAdminConfig.h"
 #include "_TKRACLDataTableController.h"
 #include "_TPasswordHash.h"
 
@@ -23,6 +37,11 @@ namespace docadmin {
 
 // A user or group that doesn't exist, or a name that is taken or empty.
 DOCADMIN_DECLARE_EXCEPTION(EUserStoreError, Exception);
+
+// A text as it may be written to a terminal or into a message: control characters become
+// \xNN (C1 controls \u00NN), bytes that are not UTF-8 become \xNN and a backslash is doubled,
+// so that nothing arrives raw and different texts stay different.
+std::string VisibleText(const std::string& AText);
 
 struct TUserInfo {
     std::int64_t ID = 0;
@@ -43,23 +62,40 @@ struct TACLGroupInfo {
 
 class TUserStore {
   public:
-    // AIterations: the PBKDF2 count of new hashes (tests pass a small one).
-    explicit TUserStore(IDBInterface* ADatabase, int AIterations = DefaultPasswordIterations);
+    // AIterations: the PBKDF2 count of new hashes (tests pass a small one). AMinPasswordLength:
+    // the fewest characters a password may have (at least 1).
+    explicit TUserStore(IDBInterface* ADatabase, int AIterations = DefaultPasswordIterations,
+                        int AMinPasswordLength = DefaultMinPasswordLength);
 
-    // Adds a user; an empty password leaves the user without one (no login possible). Raises
-    // EUserStoreError when the name is empty or taken, or the default group doesn't exist.
-    std::int64_t AddUser(const TUserInfo& AUser, const std::string& APassword);
+    // Adds a user; without a password (std::nullopt) the user cannot log in. Raises
+    // EUserStoreError when the name is invalid or taken, the password is refused by
+    // CheckPassword, or the default group doesn't exist.
+    std::int64_t AddUser(const TUserInfo& AUser, const std::optional<std::string>& APassword);
+    // The user of that name (see above for how names compare).
     std::optional<TUserInfo> FindUser(const std::string& AUserName);
     std::optional<TUserInfo> GetUser(std::int64_t AUserID);
     // All users, ordered by name.
     std::vector<TUserInfo> ListUsers();
-    // Raise EUserStoreError for an unknown user.
+    // Groups of two or more users whose names compare equal, each ordered by id.
+    std::vector<std::vector<TUserInfo>> DuplicateUserNames();
+    // Raise EUserStoreError for an unknown user, and SetPassword for a refused password.
     void SetPassword(const std::string& AUserName, const std::string& APassword);
     void SetReadOnly(const std::string& AUserName, bool AReadOnly);
     void SetDefaultACLGroup(const std::string& AUserName, std::int64_t AGroupID);
+    // Gives the user a new name under the rules of AddUser; another spelling of the user's own
+    // name (case, spaces) is allowed.
+    void RenameUser(const std::string& AUserName, const std::string& ANewName);
+
+    // Raises EUserStoreError when the password is too short or blank.
+    void CheckPassword(const std::string& APassword) const;
+    // The name as it is stored: trimmed. Raises EUserStoreError when it is empty, too long, not
+    // UTF-8 or holds control characters.
+    static std::string CheckUserName(const std::string& AUserName);
 
     // The user's id when the name and password match an enabled user with a password; 0
-    // otherwise. Takes the time of one hash whether the user exists or not.
+    // otherwise. Takes the time of one hash whether the user exists or not. A stored hash
+    // weaker than a new one is replaced by a new hash of the password; when that write fails the
+    // login still succeeds and the next one tries again.
     std::int64_t Login(const std::string& AUserName, const std::string& APassword);
 
     std::int64_t AddACLGroup(const std::string& AName, const std::string& ADescription);
@@ -74,11 +110,23 @@ class TUserStore {
     std::optional<TUserACLMode> GetUserACLMode(std::int64_t AUserID, std::int64_t AGroupID);
 
   private:
-    std::vector<TUserInfo> ReadUsers(const std::string& AField, const TVariant& AValue);
+    struct TUserRow : TUserInfo {
+        std::string PasswordHash;
+    };
+    std::vector<TUserRow> ReadUsers(const std::string& AField, const TVariant& AValue,
+                                    std::int64_t ATransaction = 0);
+    // The one row that AUserName names, if any; raises EUserStoreError when several match and
+    // none is spelled exactly so.
+    std::optional<TUserRow> MatchUser(const std::string& AUserName, std::int64_t ATransaction = 0);
     void UpdateUser(const std::string& AUserName, const std::string& AField, TVariant AValue);
+    // Runs AWork in a transaction that keeps other writers of the users table out until it ends,
+    // so that a name checked as free stays free until it is written.
+    template <class F>
+    void InUsersTransaction(F&& AWork);
 
     IDBInterface* const FDatabase;
     const int FIterations;
+    const int FMinPasswordLength;
     std::once_flag FDummyOnce;
     std::string FDummyHash;  // set once under FDummyOnce
 };

@@ -105,6 +105,7 @@ TEST_F(ConfigTest, DefaultsAreOneSQLiteDatabaseInTheDataFolder) {
     EXPECT_EQ(c.OfflineDatabaseIndex(), -1);
     EXPECT_EQ(c.SeedDocRoot(), "");
     EXPECT_TRUE(c.CanCreateContainer());
+    EXPECT_EQ(c.MinPasswordLength(), 8);
     EXPECT_TRUE(c.LocalSettings().empty());
 }
 
@@ -138,6 +139,7 @@ selected_database = "pg"
 offline_database = "mirror"
 seed_docroot = "/srv/seed"
 can_create_container = false
+min_password_length = 12
 [databases.pg]
 backend = "postgresql"
 conninfo = "host=/tmp dbname=docs"
@@ -168,6 +170,7 @@ path = "/abs/x.db"
     EXPECT_EQ(c.Databases()[1].Path, dataDir + "/mirror/offline.db");
     EXPECT_EQ(c.SeedDocRoot(), "/srv/seed");
     EXPECT_FALSE(c.CanCreateContainer());
+    EXPECT_EQ(c.MinPasswordLength(), 12);
     // Settings as text, whatever their TOML type; the location keys aren't settings.
     EXPECT_EQ(c.SelectedDatabase().Settings.at("ConnectionKind"), "0");
     EXPECT_EQ(c.Databases()[1].Settings.at("NoCompression"), "true");
@@ -198,6 +201,8 @@ TEST_F(ConfigTest, MistakesAreReportedWithTheFileName) {
     expectError("[local.DOCSRV]\nFileRoot = { a = 1 }\n", "local.DOCSRV.FileRoot");
     expectError("local = 3\n", "local must be a table");
     expectError("can_create_container = \"yes\"\n", "can_create_container");
+    for (const char* bad : {"0", "-3", "1025", "\"8\"", "8.5"})
+        expectError(std::string("min_password_length = ") + bad + "\n", "min_password_length");
     expectError("a = \n", "x.toml:1:");  // TOML syntax: line and column
 }
 
@@ -206,6 +211,7 @@ TEST_F(ConfigTest, ExampleFileOfTheSourceTreeParses) {
     EXPECT_EQ(c.SelectedDatabase().Name, "main");
     EXPECT_EQ(c.SelectedDatabase().Backend, "sqlite");
     EXPECT_EQ(c.OfflineDatabaseIndex(), -1);
+    EXPECT_EQ(c.MinPasswordLength(), 8);
     for (const char* key :
          {"DocumentsRepType", "DocumentsPath", "AccountName", "AccountKey", "AltEndpoint"})
         EXPECT_EQ(c.SelectedDatabase().Settings.count(key), 1u) << key;

@@ -1,12 +1,16 @@
 // Password hashes and the host object (on SQLite, from a configuration file).
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <filesystem>
 #include <fstream>
 #include <thread>
 
 #include "_THost.h"
+#include "_TKRRecordSet.h"
 #include "_TPasswordHash.h"
+#include "_TUserStore.h"
 
 using namespace docadmin;
 namespace fs = std::filesystem;
@@ -21,6 +25,31 @@ TEST(RuntimePassword, HashVerifiesOnlyItsPassword) {
     EXPECT_TRUE(VerifyPassword("x", HashPassword("x", 1)));
     EXPECT_EQ(h.rfind("pbkdf2-sha256$1000$", 0), 0u);
     EXPECT_THROW(HashPassword("x", 0), EArgumentException);
+}
+
+TEST(RuntimePassword, UpgradeIsNeededForFewerIterationsOrAnotherFormat) {
+    const std::string h = HashPassword("pw", 100);
+    EXPECT_FALSE(PasswordHashNeedsUpgrade(h, 100));
+    EXPECT_FALSE(PasswordHashNeedsUpgrade(h, 99));
+    EXPECT_TRUE(PasswordHashNeedsUpgrade(h, 101));
+    EXPECT_TRUE(PasswordHashNeedsUpgrade("md5$100$00$00", 1));
+    EXPECT_TRUE(PasswordHashNeedsUpgrade("", 1));
+}
+
+TEST(RuntimePassword, VisibleTextShowsControlsAndBrokenUTF8Escaped) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"plain \xc3\xa4", "plain \xc3\xa4"},
+        {"a\tb\nc", "a\\x09b\\x0ac"},
+        {"\x1b[31mred", "\\x1b[31mred"},
+        {"del\x7f", "del\\x7f"},
+        {"nel\xc2\x85", "nel\\u0085"},
+        {"back\\slash", "back\\\\slash"},
+        {"bad\xff", "bad\\xff"},
+        {"over\xc0\xaf", "over\\xc0\\xaf"},
+        {"cut\xc3", "cut\\xc3"},
+    };
+    for (const auto& [in, out] : cases)
+        EXPECT_EQ(VisibleText(in), out);
 }
 
 TEST(RuntimePassword, MalformedStoredHashesNeverMatch) {
@@ -111,13 +140,13 @@ TEST_F(RuntimeHost, CurrentUserBelongsToTheThread) {
     TUserInfo u;
     u.UserName = "kim";
     u.DefaultACLGroup = g;
-    const std::int64_t kim = host->Users().AddUser(u, "pw");
+    const std::int64_t kim = host->Users().AddUser(u, std::string("kim's pw"));
 
     EXPECT_EQ(host->GetUserAccess(), nullptr);
     EXPECT_EQ(host->GetCurrentUser(), nullptr);
     EXPECT_FALSE(host->Login("kim", "wrong"));
     EXPECT_EQ(host->CurrentUserID(), 0);
-    ASSERT_TRUE(host->Login("kim", "pw"));
+    ASSERT_TRUE(host->Login("kim", "kim's pw"));
     ASSERT_NE(host->GetUserAccess(), nullptr);
     EXPECT_EQ(host->GetUserAccess()->GetUserID(), kim);
     EXPECT_EQ(host->GetCurrentUser()->GetDefaultACLGroup(), g);
@@ -133,6 +162,54 @@ TEST_F(RuntimeHost, CurrentUserBelongsToTheThread) {
     }).join();
     EXPECT_EQ(host->CurrentUserID(), kim);
     host->SetCurrentUser(0);
+}
+
+// The real cost, once: hashes are made with the default count, and a hash of the former default
+// count still logs in and is renewed.
+TEST_F(RuntimeHost, DefaultHashIsStrongAndAnOldHashIsRenewedAtLogin) {
+    auto host = std::make_unique<THost>(TDocAdminConfig::FromFile(FConfigFile));
+    TUserInfo u;
+    u.UserName = "kim";
+    const std::int64_t kim = host->Users().AddUser(u, std::string("kim's pw"));
+    auto storedHash = [&] {
+        TKRRecordSet rs(nullptr, host->GetDBInterface());
+        rs.SetSchemaName("users");
+        rs.GetSelectFields()->Add("passwordhash");
+        rs.GetFilters()->AddFilter("id", static_cast<long long>(kim));
+        rs.Open();
+        return rs.ValueByName(0, "passwordhash").GetAsString();
+    };
+    EXPECT_EQ(storedHash().rfind("pbkdf2-sha256$600000$", 0), 0u) << storedHash();
+
+    TClientSQL upd(nullptr, host->GetDBInterface());
+    upd.SetStatementKind(skUpdate);
+    upd.SetSchemaName("users");
+    upd.GetFields()->AddField("passwordhash", HashPassword("kim's pw", 100000));
+    upd.GetFilters()->AddFilter("id", static_cast<long long>(kim));
+    upd.ExecuteSQL();
+    EXPECT_EQ(storedHash().rfind("pbkdf2-sha256$100000$", 0), 0u);
+    EXPECT_TRUE(host->Login("kim", "kim's pw"));
+    EXPECT_EQ(storedHash().rfind("pbkdf2-sha256$600000$", 0), 0u) << storedHash();
+    host->SetCurrentUser(0);
+}
+
+TEST_F(RuntimeHost, NewDatabaseFilesAreReadableByTheirOwnerOnly) {
+    const mode_t old = ::umask(022);  // as most shells set it
+    TFinally restore{[old] { ::umask(old); }};
+    auto host = Open();
+    host->GetGlobalSettings()->WriteInt64("DocAdmin", "STOREUPD", 1);  // the WAL is in use
+    const fs::path db = FDir / "data" / "db" / "main.db";
+    for (const fs::path& f : {db, fs::path(db.string() + "-wal"), fs::path(db.string() + "-shm")}) {
+        ASSERT_TRUE(fs::exists(f)) << f;
+        EXPECT_EQ(fs::status(f).permissions() & fs::perms::all,
+                  fs::perms::owner_read | fs::perms::owner_write)
+            << f;
+    }
+    host.reset();
+    // A file that exists keeps its mode: its owner may have widened it on purpose.
+    fs::permissions(db, fs::perms::group_read, fs::perm_options::add);
+    Open();
+    EXPECT_TRUE((fs::status(db).permissions() & fs::perms::group_read) != fs::perms::none);
 }
 
 TEST_F(RuntimeHost, SettingsSurviveAReopen) {
