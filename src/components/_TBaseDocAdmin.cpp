@@ -659,6 +659,9 @@ void TBaseDocAdmin::ExportFolderTo(TExportFolder& AOuter, TDocDirectory* ASource
     } else if (!ASourceDir) {
         ASourceDir = FDirectories;
     }
+    // The root resolves its folder first; otherwise its documents would be asked for by the
+    // id 0 it has before loading.
+    if (ASourceDir == FDirectories) FDirectories->ChildDirectoryCount();
     const std::int32_t docs = ASourceDir->DocumentCount();
     for (std::int32_t i = 0; i < docs; ++i) {
         TDocument* doc = ASourceDir->GetDocuments(i);

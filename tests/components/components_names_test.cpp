@@ -12,6 +12,10 @@ struct TNameCase {
     std::string Text;   // in the tree
 };
 
+void PrintTo(const TNameCase& ACase, std::ostream* AOut) {
+    *AOut << PrintableText(ACase.Bytes);
+}
+
 class NameEscapeTest : public ::testing::TestWithParam<TNameCase> {};
 
 TEST_P(NameEscapeTest, MapsBothWays) {
