@@ -6,6 +6,8 @@
 // rows appear only when their part succeeded, and the store has written every file before its row
 // (temporary file, flush, rename), so a process that is killed half way leaves no row without its
 // file; at worst unreferenced files in the store.
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <nlohmann/json.hpp>
 
 #include <filesystem>
@@ -53,11 +55,59 @@ std::vector<TDocDirectory*> LoadWholeTree(TDBDocAdmin& AAdmin) {
     return all;
 }
 
+// For the progress bar only: a folder that can't be read ends the count early.
 std::size_t CountFiles(const fs::path& ADir) {
     std::size_t n = 0;
-    for (const auto& e : fs::recursive_directory_iterator(ADir))
-        if (e.is_regular_file()) ++n;
+    std::error_code ec;
+    for (fs::recursive_directory_iterator it(ADir, ec), end; !ec && it != end; it.increment(ec))
+        if (it->is_regular_file(ec)) ++n;
     return n;
+}
+
+// A name as the listings show it: names that aren't UTF-8 (rows that another client wrote) in
+// the escaped form that import stores, so one name can't break a listing.
+std::string VisibleName(const std::string& AName) {
+    return IsValidUtf8(AName) ? AName : NameFromFileSystem(AName);
+}
+
+// The same for a terminal, with control characters escaped.
+std::string ShownName(const std::string& AName) {
+    return PrintableText(VisibleName(AName));
+}
+
+std::string JsonText(const json& AJson) {
+    return AJson.dump(1, ' ', false, json::error_handler_t::replace);
+}
+
+// A --path or mkdir path typed by the user must be well-formed, with proper folder names.
+void CheckUserPath(const std::string& APath, const std::string& AWhat) {
+    try {
+        TBaseDocAdmin::ParseFolderPath(APath);
+    } catch (Exception& e) {
+        e.SetMessage(AWhat + ": " + e.Message());
+        throw;
+    }
+}
+
+// Opens a session for a verb that only reads: loading creates no folder and nothing is saved.
+std::unique_ptr<TTreeSession> ReadingSession(TreeOptions AOptions) {
+    CheckUserPath(AOptions.Path, "--path");
+    AOptions.ReadOnly = true;
+    return std::make_unique<TTreeSession>(AOptions);
+}
+
+// Loads the whole tree for a reading verb. Without --path a plug-in that has no folder yet is an
+// empty tree (answers false, nothing loaded); a missing folder of --path raises.
+bool LoadTreeForReading(TDBDocAdmin& AAdmin, const TreeOptions& AOptions,
+                        std::vector<TDocDirectory*>* ADirectories = nullptr) {
+    try {
+        std::vector<TDocDirectory*> all = LoadWholeTree(AAdmin);
+        if (ADirectories) *ADirectories = std::move(all);
+        return true;
+    } catch (const EDocAdminFolderNotFound&) {
+        if (!AOptions.Path.empty()) throw;
+        return false;
+    }
 }
 
 std::int32_t ParseID(const std::string& AText) {
@@ -82,11 +132,18 @@ std::string DateText(TDateTime ADate) {
 struct ImportOptions {
     TreeOptions Tree;
     std::string Dir;
+    bool FollowLinks = false;
 };
 
 void RunImport(const ImportOptions& o) {
+    CheckUserPath(o.Tree.Path, "--path");
     std::error_code ec;
-    if (!fs::is_directory(o.Dir, ec)) throw Exception("Folder '" + o.Dir + "' not found!");
+    const fs::file_status status = fs::status(o.Dir, ec);
+    if (!fs::exists(status)) throw Exception("Folder '" + o.Dir + "' not found!");
+    if (!fs::is_directory(status))
+        throw Exception("'" + o.Dir + "' is " +
+                        (fs::is_regular_file(status) ? "a file" : "no folder") +
+                        "; import takes a folder (with everything below it)");
     const fs::path dir = fs::absolute(o.Dir).lexically_normal();
     std::string dirName = dir.string();
     while (dirName.size() > 1 && dirName.back() == '/')
@@ -95,6 +152,13 @@ void RunImport(const ImportOptions& o) {
 
     TTreeSession session(o.Tree);
     TDBDocAdmin& admin = session.Admin();
+    admin.SetImportFollowLinks(o.FollowLinks);
+    std::size_t skipped = 0;
+    admin.OnImportSkipped = [&](TObject*, const std::string& APath, const std::string& AReason) {
+        ++skipped;
+        std::cerr << "docadmin: skipped " << PrintableText(APath) << ": " << PrintableText(AReason)
+                  << "\n";
+    };
     // The local store flushes all files of a batch in one go before its commit instead of one by
     // one.
     auto* local = dynamic_cast<TDocFileLoaderLocFile*>(admin.DocFileLoader());
@@ -133,9 +197,9 @@ void RunImport(const ImportOptions& o) {
     TDocDirectory* root = admin.Directories();
     std::int64_t folderID = -1;
     for (TDocDirectory* d : root->ChildDirectoriesInMemory())
-        if (d->Titel() == ExtractDirName(dirName)) folderID = d->DirID();
-    std::cout << "imported " << saved << " documents from " << dirName << " into folder "
-              << folderID << "\n";
+        if (d->Titel() == NameFromFileSystem(ExtractDirName(dirName))) folderID = d->DirID();
+    std::cout << "imported " << saved << " documents from " << PrintableText(dirName)
+              << " into folder " << folderID << "; skipped " << skipped << " entries\n";
 }
 
 // ---- ls
@@ -156,13 +220,13 @@ struct TTotals {
 json DirectoryJson(TDocDirectory* ADir, TTotals& ATotals) {
     json j;
     j["id"] = ADir->DirID();
-    j["title"] = ADir->Titel();
+    j["title"] = VisibleName(ADir->Titel());
     json docs = json::array();
     for (TDocument* d : ADir->DocumentsInMemory()) {
         ++ATotals.Documents;
         ATotals.Bytes += d->Size();
         docs.push_back({{"id", d->DocID()},
-                        {"name", d->DocName()},
+                        {"name", VisibleName(d->DocName())},
                         {"size", d->Size()},
                         {"version", FileVersionToStr(d->Version())},
                         {"date", DateText(d->Date())},
@@ -183,35 +247,36 @@ void PrintDirectory(std::ostream& out, TDocDirectory* ADir, int ADepth, TTotals&
     for (TDocument* d : ADir->DocumentsInMemory()) {
         ++ATotals.Documents;
         ATotals.Bytes += d->Size();
-        out << indent << d->DocName() << "  [" << d->DocID() << "]  " << d->Size() << " bytes  v"
-            << FileVersionToStr(d->Version()) << "  " << DateText(d->Date()) << "\n";
+        out << indent << ShownName(d->DocName()) << "  [" << d->DocID() << "]  " << d->Size()
+            << " bytes  v" << FileVersionToStr(d->Version()) << "  " << DateText(d->Date()) << "\n";
     }
     for (TDocDirectory* c : ADir->ChildDirectoriesInMemory()) {
         ++ATotals.Folders;
-        out << indent << c->Titel() << "/  [folder " << c->DirID() << "]\n";
+        out << indent << ShownName(c->Titel()) << "/  [folder " << c->DirID() << "]\n";
         PrintDirectory(out, c, ADepth + 1, ATotals);
     }
 }
 
 void RunList(const ListOptions& o) {
-    TTreeSession session(o.Tree);
+    auto sessionHolder = ReadingSession(o.Tree);
+    TTreeSession& session = *sessionHolder;
     TDBDocAdmin& admin = session.Admin();
     if (!o.Where.empty()) admin.ApplyParams(o.Where);
-    LoadWholeTree(admin);
+    LoadTreeForReading(admin, o.Tree);
     TDocDirectory* root = admin.Directories();
     TTotals totals;
     if (o.Json) {
         json j;
         j["plugin"] = admin.Plugin();
-        j["path"] = admin.RootDirectoryPath();
+        j["path"] = VisibleName(admin.RootDirectoryPath());
         j["root"] = DirectoryJson(root, totals);
         j["folders"] = totals.Folders;
         j["documents"] = totals.Documents;
         j["bytes"] = totals.Bytes;
-        std::cout << j.dump(1) << "\n";
+        std::cout << JsonText(j) << "\n";
     } else {
         std::cout << (admin.RootDirectoryPath().empty() ? std::string("(all)")
-                                                        : admin.RootDirectoryPath())
+                                                        : ShownName(admin.RootDirectoryPath()))
                   << "  [folder " << root->DirID() << "]\n";
         PrintDirectory(std::cout, root, 1, totals);
         std::cout << totals.Folders << " folders, " << totals.Documents << " documents, "
@@ -230,21 +295,35 @@ struct GetOptions {
 
 void RunGet(const GetOptions& o) {
     const std::int32_t id = ParseID(o.ID);
-    TTreeSession session(o.Tree);
-    TDBDocAdmin& admin = session.Admin();
+    auto session = ReadingSession(o.Tree);
+    TDBDocAdmin& admin = session->Admin();
     std::string dest = o.Dest;
+    std::string shown = o.Dest;
     std::error_code ec;
+    TDirHandle folder;
     if (fs::is_directory(dest, ec)) {
+        // Into a folder under the document's name: one entry of that folder, whatever the row
+        // says, and never through a link that stands there.
         std::string name;
         TDateTime date = 0;
         if (admin.GetDocumentFileInfo(id, name, date, false).empty())
             throw EDocAdminFileNotFoundInRepository("File with ID '" + std::to_string(id) +
                                                     "' not found in repository!");
-        dest = (fs::path(dest) / ExtractFileName(name)).string();
+        folder = TDirHandle::Open(dest);
+        const std::string file = SafeFileName(name);
+        shown = IncludeTrailingDirSeparator(o.Dest) + file;
+        struct stat st {};
+        if (::fstatat(folder.Handle(), file.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+            !S_ISREG(st.st_mode))
+            throw Exception(
+                "'" + shown + "' exists and is " +
+                (S_ISLNK(st.st_mode) ? "a symbolic link; it is not written through" : "no file"));
+        dest = folder.EntryPath(file);
+        if (dest.empty()) dest = shown;
     }
     std::string name;
     admin.DownloadFile(id, dest, name);
-    std::cout << dest << "\n";
+    std::cout << PrintableText(shown) << "\n";
 }
 
 // ---- export
@@ -258,10 +337,15 @@ struct ExportOptions {
 };
 
 void RunExport(const ExportOptions& o) {
-    TTreeSession session(o.Tree);
-    TDBDocAdmin& admin = session.Admin();
+    auto session = ReadingSession(o.Tree);
+    TDBDocAdmin& admin = session->Admin();
+    std::vector<TDocDirectory*> dirs;
+    if (!LoadTreeForReading(admin, o.Tree, &dirs)) {
+        std::cout << "exported 0 documents to " << PrintableText(o.Dest) << "\n";
+        return;
+    }
     std::int64_t total = 0;
-    for (TDocDirectory* d : LoadWholeTree(admin))
+    for (TDocDirectory* d : dirs)
         total += static_cast<std::int64_t>(d->DocumentsInMemory().size());
     TerminalProgress progress("export", total >= static_cast<std::int64_t>(ProgressThreshold));
     std::int64_t done = 0;
@@ -273,7 +357,7 @@ void RunExport(const ExportOptions& o) {
     admin.ExportDirectory(o.Dest, nullptr, o.ContinueOnMissing, o.Files, o.Dirs);
     admin.OnDownloadDocumentDone = nullptr;
     progress.Finish();
-    std::cout << "exported " << done << " documents to " << o.Dest << "\n";
+    std::cout << "exported " << done << " documents to " << PrintableText(o.Dest) << "\n";
 }
 
 // ---- replace, rm, mkdir
@@ -314,6 +398,9 @@ struct MkdirOptions {
 };
 
 void RunMkdir(const MkdirOptions& o) {
+    CheckUserPath(o.Tree.Path, "--path");
+    CheckUserPath(o.Path, "mkdir");
+    if (o.Path.empty()) throw Exception("mkdir: no folder given");
     TTreeSession session(o.Tree);
     TDBDocAdmin& admin = session.Admin();
     session.BeginTransaction();
@@ -326,7 +413,7 @@ void RunMkdir(const MkdirOptions& o) {
         session.Rollback();
         throw;
     }
-    std::cout << dir->Path() << "  [folder " << dir->DirID() << "]\n";
+    std::cout << ShownName(dir->Path()) << "  [folder " << dir->DirID() << "]\n";
 }
 
 // ---- versions
@@ -339,8 +426,8 @@ struct VersionsOptions {
 
 void RunVersions(const VersionsOptions& o) {
     const std::int32_t id = ParseID(o.ID);
-    TTreeSession session(o.Tree);
-    IDBInterface* db = session.Host().GetDBInterface();
+    auto session = ReadingSession(o.Tree);
+    IDBInterface* db = session->Host().GetDBInterface();
 
     TKRRecordSet current(nullptr, db);
     current.SetSchemaName("docadmindocs");
@@ -365,7 +452,7 @@ void RunVersions(const VersionsOptions& o) {
     auto row = [](TKRRecordSet& rs, int r, bool archived) {
         json j;
         if (archived) j["archive_id"] = rs.GetDBIDByRecNo(r);
-        j["name"] = rs.ValueByName(r, "docname").GetAsString();
+        j["name"] = VisibleName(rs.ValueByName(r, "docname").GetAsString());
         j["version"] = rs.ValueByName(r, "flversion").GetAsString();
         j["size"] = rs.ValueByName(r, "flsize").GetAsInteger();
         j["date"] = DateText(rs.ValueByName(r, "fldate").GetAsFloat());
@@ -387,13 +474,14 @@ void RunVersions(const VersionsOptions& o) {
         j["id"] = id;
         j["current"] = now;
         j["archived"] = std::move(versions);
-        std::cout << j.dump(1) << "\n";
+        std::cout << JsonText(j) << "\n";
         return;
     }
     auto line = [](const json& v) {
         std::cout << "v" << v["version"].get<std::string>() << "  " << v["size"].get<std::int64_t>()
                   << " bytes  " << v["date"].get<std::string>() << "  "
-                  << v["remote"].get<std::string>() << "  " << v["name"].get<std::string>();
+                  << v["remote"].get<std::string>() << "  "
+                  << PrintableText(v["name"].get<std::string>());
     };
     std::cout << "document " << id << "\ncurrent   ";
     line(now);
@@ -416,6 +504,8 @@ static CommandRegistrar reg([](CLI::App& app) {
     auto* import =
         app.add_subcommand("import", "Import a local folder with everything below it. " + treeNote);
     import->add_option("DIR", importOpts->Dir, "local folder")->required();
+    import->add_flag("--follow-links", importOpts->FollowLinks,
+                     "follow symbolic links whose target lies inside DIR (default: skip links)");
     AddTreeOptions(import, importOpts->Tree);
     import->callback([importOpts] { RunImport(*importOpts);
 });

@@ -4,6 +4,7 @@
 #include <iostream>
 
 #include "_SysUtils.h"
+#include "_Tools.h"
 #include "commands.h"
 
 namespace docadmin::app {
@@ -38,7 +39,8 @@ int main(int argc, char** argv) {
         // Help and version end with 0; any mistake in the command line is a usage error.
         return app.exit(e) == 0 ? kExitOk : kExitUsage;
     } catch (const std::exception& e) {
-        std::cerr << "docadmin: " << e.what() << "\n";
+        // Names in a message may hold control characters; none reaches the terminal raw.
+        std::cerr << "docadmin: " << docadmin::PrintableText(e.what()) << "\n";
         return kExitFailure;
     }
     if (app.get_subcommands().empty()) std::cout << app.help();

@@ -47,6 +47,7 @@ TTreeSession::TTreeSession(const TreeOptions& AOptions) {
     FAdmin->SetPluginGUID(DocAdminModuleGUID);
     FAdmin->SetUniqueFolderCache(&FUniqueFolderCache);
     FAdmin->SetAutoSave(false);
+    FAdmin->SetReadOnly(AOptions.ReadOnly);
 }
 
 TTreeSession::~TTreeSession() {

@@ -41,6 +41,8 @@ struct TreeOptions {
     HostOptions Host;
     std::string Plugin = CommandLineTreeGUID;
     std::string Path;
+    // A reading verb: loading the tree creates no missing folder (see TBaseDocAdmin::ReadOnly).
+    bool ReadOnly = false;
 };
 
 void AddTreeOptions(CLI::App* app, TreeOptions& options);

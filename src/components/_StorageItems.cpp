@@ -622,6 +622,13 @@ void TDocDirectoryRoot::LoadRoot() {
         return d;
     };
 
+    // A reading administrator creates nothing: a missing level ends the load.
+    const bool readOnly = admin->ReadOnly();
+    auto notFound = [&](const std::string& ATitle) {
+        return EDocAdminFolderNotFound("Folder '" + ATitle + "' not found (path " +
+                                       admin->RootDirectoryPath() + ")");
+    };
+
     TDocDirectory* found = nullptr;
     bool added = false;
     if (uniqueIndex > 0 && FChildDirectories.empty()) {
@@ -629,6 +636,7 @@ void TDocDirectoryRoot::LoadRoot() {
         if (recordRoot.find("#Records", 1) != std::string::npos) {
             admin->LoadDirectories(this, recordRoot);
             if (!FChildDirectories.empty()) {
+                if (readOnly) throw notFound(uniqueName);
                 found = newChild(FChildDirectories.front(), uniqueName);
                 added = true;
             }
@@ -636,6 +644,8 @@ void TDocDirectoryRoot::LoadRoot() {
     }
 
     if (!path.empty()) {
+        if (FChildDirectories.empty() && readOnly)
+            throw notFound(uniqueIndex >= 0 ? uniqueName : path.front());
         if (FChildDirectories.empty()) {
             admin->LoadDirectories(this, std::string());
             found = admin->CreateFolderStruct(this, admin->RootDirectoryPath());
@@ -643,17 +653,19 @@ void TDocDirectoryRoot::LoadRoot() {
         } else {
             // Several children are one title found twice, when a unique folder was looked up.
             // Without one the children are the top-level folders, all different: the path is
-            // then walked from the root itself.
+            // then walked from the root itself. A reader merges them in memory only.
             if (uniqueIndex >= 0 && FChildDirectories.size() >= 2) {
-                admin->BeginUpdate();
+                if (!readOnly) admin->BeginUpdate();
                 TDocDirectory* first = FChildDirectories.front();
                 for (size_t i = FChildDirectories.size() - 1; i >= 1; --i) {
                     TDocDirectory* other = FChildDirectories[i];
                     other->MoveContentTo(first, false, true);
                     other->SetChangeState(chDeleted);
                 }
-                admin->EndUpdate();
-                if (!admin->AutoSave()) admin->SaveChanges();
+                if (!readOnly) {
+                    admin->EndUpdate();
+                    if (!admin->AutoSave()) admin->SaveChanges();
+                }
             }
             if (!found) found = uniqueIndex >= 0 ? FChildDirectories.front() : this;
             for (size_t i = static_cast<size_t>(uniqueIndex + 1); i < path.size(); ++i) {
@@ -665,6 +677,7 @@ void TDocDirectoryRoot::LoadRoot() {
                         break;
                     }
                 if (!next) {
+                    if (readOnly) throw notFound(path[i]);
                     next = newChild(found, path[i]);
                     added = true;
                 }

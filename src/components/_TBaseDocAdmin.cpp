@@ -1,6 +1,16 @@
 #include "_TBaseDocAdmin.h"
 
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstring>
 #include <filesystem>
+#include <set>
 
 namespace docadmin {
 
@@ -462,78 +472,271 @@ TDocDirectory* TBaseDocAdmin::CreateFolderStruct(TDocDirectory* BaseDir,
     return current;
 }
 
+std::vector<std::string> TBaseDocAdmin::ParseFolderPath(const std::string& APath) {
+    std::vector<std::string> titles = ParseStrictCommaText(APath);
+    for (const std::string& t : titles) {
+        auto refuse = [&](const std::string& AWhy) {
+            throw EDocAdminException("Folder path '" + APath + "': " + AWhy);
+        };
+        if (t.empty()) refuse("a folder name is empty");
+        if (t == "." || t == "..") refuse("'" + t + "' is no folder name");
+        if (t.find_first_of("/\\") != std::string::npos)
+            refuse("the folder name '" + t + "' holds a path separator");
+        if (!IsValidUtf8(t)) refuse("a folder name isn't valid UTF-8");
+        for (char c : t)
+            if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F)
+                refuse("a folder name holds a control character");
+    }
+    return titles;
+}
+
+// ---- Import
+
+namespace {
+
+std::string ErrnoText() {
+    return std::strerror(errno);
+}
+
+// The names in an open folder, sorted, without "." and "..".
+std::vector<std::string> FolderNames(const TDirHandle& AFolder, const std::string& APath) {
+    TDirHandle own = AFolder.Duplicate();  // closedir closes the descriptor it was given
+    DIR* d = ::fdopendir(own.Handle());
+    if (!d) throw EInOutError("Cannot read folder '" + APath + "': " + ErrnoText());
+    static_cast<void>(own.Release());
+    TFinally close{[d] { ::closedir(d); }};
+    std::vector<std::string> names;
+    errno = 0;
+    while (const dirent* e = ::readdir(d)) {
+        const std::string name = e->d_name;
+        if (name != "." && name != "..") names.push_back(name);
+        errno = 0;
+    }
+    if (errno != 0) throw EInOutError("Cannot read folder '" + APath + "': " + ErrnoText());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+// The absolute path of what a descriptor is open on; empty where the system doesn't say.
+std::string PathOfHandle(int AHandle) {
+    std::string buf(65536, '\0');
+    const std::string link = "/proc/self/fd/" + std::to_string(AHandle);
+    const ssize_t n = ::readlink(link.c_str(), buf.data(), buf.size());
+    if (n <= 0 || static_cast<size_t>(n) >= buf.size()) return {};
+    buf.resize(static_cast<size_t>(n));
+    return buf;
+}
+
+std::string KindOfEntry(mode_t AMode) {
+    if (S_ISFIFO(AMode)) return "named pipe";
+    if (S_ISSOCK(AMode)) return "socket";
+    if (S_ISCHR(AMode)) return "character device";
+    if (S_ISBLK(AMode)) return "block device";
+    return "neither file nor folder";
+}
+
+}  // namespace
+
+struct TBaseDocAdmin::TImportWalk {
+    std::string RootPath;  // the imported folder's own path, for the links' targets
+    std::set<std::pair<dev_t, ino_t>> Folders;  // taken in already
+};
+
 void TBaseDocAdmin::ImportDirectory(const std::string& DirName, TDocDirectory* ParentDir) {
     BeginUpdate();
     TDocDirectory* parent = ParentDir ? ParentDir : FDirectories;
     std::error_code ec;
     if (fs::is_directory(DirName, ec)) {
-        if (OnDownloadDocument) OnDownloadDocument(this, DirName);
-        const std::string title = ExtractDirName(DirName);
-        TDocDirectory* dir = nullptr;
-        const std::int32_t n = parent->ChildDirectoryCount();
-        for (std::int32_t i = 0; i < n && !dir; ++i)
-            if (parent->GetChildDirectorys(i)->Titel() == title)
-                dir = parent->GetChildDirectorys(i);
-        if (!dir) {
-            dir = NewDirectoryIn(parent, title);
-            dir->SetLoadingState(lsDocumentsLoaded);
-            dir->SetLoadingState(lsChildDirectoriesLoaded);
-        }
-        const std::string base = IncludeTrailingDirSeparator(DirName);
-        TStringList names;
-        GetFileList(base + "*", names);
-        for (const std::string& name : names.Items()) {
-            if (name == "." || name == "..") continue;
-            const std::string path = base + name;
-            if (fs::is_regular_file(path, ec))
-                SaveDoc(nullptr, chAdded, path, dir, std::string(), 0);
-            else
-                ImportDirectory(path, dir);
-        }
-        if (OnDownloadDocumentDone) OnDownloadDocumentDone(this);
+        std::string path = DirName;
+        while (path.size() > 1 && path.back() == '/')
+            path.pop_back();
+        TDirHandle folder = TDirHandle::Open(path);
+        TImportWalk walk;
+        walk.RootPath = PathOfHandle(folder.Handle());
+        ImportFolderAt(folder, path, ExtractDirName(path), parent, walk);
     }
     EndUpdate();
 }
 
+void TBaseDocAdmin::ImportFolderAt(const TDirHandle& AFolder, const std::string& APath,
+                                   const std::string& ANameBytes, TDocDirectory* AParent,
+                                   TImportWalk& AWalk) {
+    if (OnDownloadDocument) OnDownloadDocument(this, APath);
+    struct stat self {};
+    if (::fstat(AFolder.Handle(), &self) == 0) AWalk.Folders.insert({self.st_dev, self.st_ino});
+    const std::string title = NameFromFileSystem(ANameBytes);
+    TDocDirectory* dir = nullptr;
+    const std::int32_t n = AParent->ChildDirectoryCount();
+    for (std::int32_t i = 0; i < n && !dir; ++i)
+        if (AParent->GetChildDirectorys(i)->Titel() == title) dir = AParent->GetChildDirectorys(i);
+    if (!dir) {
+        dir = NewDirectoryIn(AParent, title);
+        dir->SetLoadingState(lsDocumentsLoaded);
+        dir->SetLoadingState(lsChildDirectoriesLoaded);
+    }
+    auto skip = [this](const std::string& APathOfEntry, const std::string& AReason) {
+        if (OnImportSkipped) OnImportSkipped(this, APathOfEntry, AReason);
+    };
+    const std::string base = IncludeTrailingDirSeparator(APath);
+    bool held = false;  // this folder is kept open for files the store reads through it
+    for (const std::string& name : FolderNames(AFolder, APath)) {
+        const std::string path = base + name;
+        struct stat st {};
+        if (::fstatat(AFolder.Handle(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0)
+            throw EInOutError("Cannot read '" + path + "': " + ErrnoText());
+        const bool link = S_ISLNK(st.st_mode);
+        if (link) {
+            if (!FImportFollowLinks) {
+                skip(path, "symbolic link, not followed");
+                continue;
+            }
+            const int target = ::openat(AFolder.Handle(), name.c_str(), O_PATH | O_CLOEXEC);
+            if (target < 0) {
+                skip(path, "symbolic link to nothing that can be opened (" + ErrnoText() + ")");
+                continue;
+            }
+            const std::string where = PathOfHandle(target);
+            const bool statted = ::fstat(target, &st) == 0;
+            ::close(target);
+            const bool inside = !where.empty() && !AWalk.RootPath.empty() &&
+                                (where == AWalk.RootPath ||
+                                 where.starts_with(IncludeTrailingDirSeparator(AWalk.RootPath)));
+            if (!statted || !inside) {
+                skip(path, "symbolic link to '" + where + "' outside the imported folder");
+                continue;
+            }
+        }
+        if (S_ISREG(st.st_mode)) {
+            std::string local = path;
+            if (path.size() >= PATH_MAX) {
+                // Too long for the store to open by path: it reads through this folder's
+                // descriptor, which stays open as long as the administrator.
+                if (!held) {
+                    FImportHandles.push_back(AFolder.Duplicate());
+                    held = true;
+                }
+                local = FImportHandles.back().EntryPath(name);
+                if (local.empty())
+                    throw EInOutError("Cannot import '" + path +
+                                      "': the path is longer than the system allows");
+            }
+            SaveDoc(nullptr, chAdded, local, dir, base + NameFromFileSystem(name), 0);
+        } else if (S_ISDIR(st.st_mode)) {
+            if (AWalk.Folders.contains({st.st_dev, st.st_ino})) {
+                skip(path, "folder taken in already through another path (a link loop?)");
+                continue;
+            }
+            TDirHandle child;
+            if (link) {
+                const int fd =
+                    ::openat(AFolder.Handle(), name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+                if (fd < 0) throw EInOutError("Cannot open folder '" + path + "': " + ErrnoText());
+                child = TDirHandle::Adopt(fd);
+            } else {
+                child = AFolder.OpenChild(name, false, path);
+            }
+            ImportFolderAt(child, path, name, dir, AWalk);
+        } else {
+            skip(path, KindOfEntry(st.st_mode));
+        }
+    }
+    if (OnDownloadDocumentDone) OnDownloadDocumentDone(this);
+}
+
+// ---- Export
+
+// A folder on disk that export writes into; it is made and opened with its first file.
+struct TBaseDocAdmin::TExportFolder {
+    TExportFolder* Parent = nullptr;  // nullptr: Path is the destination itself
+    std::string Name;                 // the entry in Parent
+    std::string Path;                 // for messages
+    TDirHandle Handle;
+
+    const TDirHandle& Open() {
+        if (Handle.IsOpen()) return Handle;
+        if (!Parent) {
+            ForceDirectories(Path);
+            Handle = TDirHandle::Open(Path);
+        } else {
+            Handle = Parent->Open().OpenChild(Name, true, Path);
+        }
+        return Handle;
+    }
+};
+
 void TBaseDocAdmin::ExportDirectory(const std::string& DirName, TDocDirectory* ASourceDir,
                                     bool AContinueOnMissingFiles, const std::string& AFilePattern,
                                     const std::string& ADirPattern) {
-    std::string target;
-    if (ASourceDir && !ASourceDir->Titel().empty()) {
+    TExportFolder destination;
+    destination.Path = DirName;
+    ExportFolderTo(destination, ASourceDir, false, AContinueOnMissingFiles, AFilePattern,
+                   ADirPattern);
+}
+
+void TBaseDocAdmin::ExportFolderTo(TExportFolder& AOuter, TDocDirectory* ASourceDir, bool AIsChild,
+                                   bool AContinueOnMissingFiles, const std::string& AFilePattern,
+                                   const std::string& ADirPattern) {
+    TExportFolder own;
+    TExportFolder* target = &AOuter;
+    // A directory the caller names without a title writes into DirName itself; a child
+    // without one gets a folder of its own ("_"), so that it can't merge into its parent.
+    if (ASourceDir && (AIsChild || !ASourceDir->Titel().empty())) {
         if (!ADirPattern.empty() && !StrLike(ASourceDir->Titel(), ADirPattern)) return;
-        target = IncludeTrailingDirSeparator(DirName) +
-                 ConvertToFileName(ASourceDir->Titel(), false, 260);
-    } else {
-        target = DirName;
-        if (!ASourceDir) ASourceDir = FDirectories;
+        own.Parent = &AOuter;
+        own.Name = SafeFileName(ASourceDir->Titel());
+        own.Path = IncludeTrailingDirSeparator(AOuter.Path) + own.Name;
+        target = &own;
+    } else if (!ASourceDir) {
+        ASourceDir = FDirectories;
     }
-    // The folder is made with its first file, so that empty directories leave none.
-    target = IncludeTrailingDirSeparator(target);
-    bool folderMade = false;
+    // The root resolves its folder first; otherwise its documents would be asked for by the
+    // id 0 it has before loading.
+    if (ASourceDir == FDirectories) FDirectories->ChildDirectoryCount();
     const std::int32_t docs = ASourceDir->DocumentCount();
     for (std::int32_t i = 0; i < docs; ++i) {
         TDocument* doc = ASourceDir->GetDocuments(i);
         if (!AFilePattern.empty() && !StrLike(doc->DocName(), AFilePattern)) continue;
-        std::string file = target + ConvertToFileName(doc->DocName(), false, 260);
-        const std::string ext = ExtractFileExt(file);
-        const std::string stem = file.substr(0, file.size() - ext.size());
-        std::error_code ec;
-        for (int n = 2; fs::exists(file, ec); ++n)
-            file = stem + "_" + std::to_string(n) + ext;
-        if (!folderMade) {
-            ForceDirectories(target);
-            folderMade = true;
+        const TDirHandle& folder = target->Open();
+        // The first free name of name, name_2, name_3, ...; a link counts as taken. The name
+        // is made at once (O_EXCL), so nothing can put a link there before the download.
+        const std::string name = SafeFileName(doc->DocName());
+        const std::string ext = ExtractFileExt(name) == name ? std::string() : ExtractFileExt(name);
+        const std::string stem = name.substr(0, name.size() - ext.size());
+        std::string file = name;
+        for (int n = 2;; ++n) {
+            const int fd = ::openat(folder.Handle(), file.c_str(),
+                                    O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+            if (fd >= 0) {
+                ::close(fd);
+                break;
+            }
+            if (errno != EEXIST)
+                throw EInOutError("Cannot create file '" +
+                                  IncludeTrailingDirSeparator(target->Path) + file +
+                                  "': " + ErrnoText());
+            const std::string suffix = "_" + std::to_string(n);
+            file = stem.substr(0, std::min(stem.size(), 255 - suffix.size() - ext.size())) +
+                   suffix + ext;
         }
+        const std::string shown = IncludeTrailingDirSeparator(target->Path) + file;
+        std::string dest = folder.EntryPath(file);
+        if (dest.empty()) dest = shown;
         try {
-            DownloadFile(doc, file, false, nullptr);
-        } catch (const EFileNotFoundInRepositoryException&) {
-            if (!AContinueOnMissingFiles) throw;
+            DownloadFile(doc, dest, false, nullptr);
+        } catch (Exception& e) {
+            ::unlinkat(folder.Handle(), file.c_str(), 0);  // the empty name reserved above
+            const bool missing = dynamic_cast<EFileNotFoundInRepositoryException*>(&e) != nullptr;
+            if (missing && AContinueOnMissingFiles) continue;
+            e.SetMessage("Export of document '" + doc->DocName() + "' (id " +
+                         std::to_string(doc->DocID()) + ") to '" + shown +
+                         "' failed: " + FastReplace(e.Message(), dest, shown));
+            throw;
         }
     }
     const std::int32_t dirs = ASourceDir->ChildDirectoryCount();
     for (std::int32_t i = 0; i < dirs; ++i)
-        ExportDirectory(target, ASourceDir->GetChildDirectorys(i), AContinueOnMissingFiles,
-                        AFilePattern, ADirPattern);
+        ExportFolderTo(*target, ASourceDir->GetChildDirectorys(i), true, AContinueOnMissingFiles,
+                       AFilePattern, ADirPattern);
 }
 
 }  // namespace docadmin

@@ -69,6 +69,12 @@ using TLoadingStateEvent =
     std::function<void(TObject* Sender, TLoadingStateNotification ALoadingState)>;
 using TGetRessourceContainerEvent =
     std::function<void(TObject* Sender, IPtr<IRessourceContainer>& ARessourceContainer)>;
+// An entry of a local folder that ImportDirectory left out, with the reason in words.
+using TImportSkippedEvent =
+    std::function<void(TObject* Sender, const std::string& APath, const std::string& AReason)>;
+
+// A folder of a path that a reading administrator (ReadOnly) didn't find; nothing was created.
+DOCADMIN_DECLARE_EXCEPTION(EDocAdminFolderNotFound, EDocAdminException);
 
 class TBaseDocAdmin : public TComponent, public IPluginContextObject {
   public:
@@ -142,7 +148,27 @@ class TBaseDocAdmin : public TComponent, public IPluginContextObject {
     void DeleteDirectory(TDocDirectory* ADirectory);
     TDocDirectory* AddDirectory(TDocDirectory* ParentDir, const std::string& DirName);
     TDocDirectory* CreateFolderStruct(TDocDirectory* BaseDir, const std::string& DirPath);
+    // The titles of a folder path typed by a user (comma text), checked: malformed comma text
+    // raises EConvertError, a title that is empty, "." or "..", or holds a path separator, a
+    // control character or bytes that aren't UTF-8 raises EDocAdminException. Names that arrive
+    // otherwise (rows of other clients) are made safe where they meet the disk (SafeFileName).
+    static std::vector<std::string> ParseFolderPath(const std::string& APath);
+    // Takes a local folder with all below it into the tree. Entries are read relative to their
+    // folder's open descriptor, so depth has no limit; files whose path passes PATH_MAX are
+    // handed to the store by a descriptor path, and the folder stays open as long as this
+    // administrator lives. Names that aren't UTF-8 are stored in the form of NameFromFileSystem.
+    // Symbolic links are skipped unless ImportFollowLinks, and then followed only when their
+    // target lies inside the imported folder and isn't a folder taken in already (no loops).
+    // Pipes, sockets and devices are skipped. Each skipped entry goes to OnImportSkipped.
+    // An entry that can't be read raises, naming it.
     void ImportDirectory(const std::string& DirName, TDocDirectory* ParentDir);
+    // Writes a directory with all below it to disk. Every folder is made and opened relative to
+    // its parent without following a symbolic link (an existing link where a folder goes is an
+    // error, never followed), and a file is only written under a name that didn't exist, made
+    // with O_EXCL|O_NOFOLLOW (a link where a file goes counts as taken: the next "_N" name is
+    // used). Titles and names go through SafeFileName, so "..", "." or a separator in a title
+    // can't leave DirName; a child directory without a title is written as "_". A failure names
+    // the document and the file.
     void ExportDirectory(const std::string& DirName, TDocDirectory* ASourceDir,
                          bool AContinueOnMissingFiles, const std::string& AFilePattern,
                          const std::string& ADirPattern);
@@ -232,6 +258,13 @@ class TBaseDocAdmin : public TComponent, public IPluginContextObject {
     TVTLSQLParser* SQLFilters();
     bool HasSQLFilters() const { return FSQLFilters != nullptr; }
     void ApplyParams(const std::string& AParams) { SQLFilters()->ParseSQL(AParams); }
+    // A reading administrator: loading the root creates no missing folder and saves nothing;
+    // a missing folder of RootDirectoryPath raises EDocAdminFolderNotFound.
+    bool ReadOnly() const { return FReadOnly; }
+    void SetReadOnly(bool v) { FReadOnly = v; }
+    // Whether ImportDirectory follows symbolic links that stay inside the imported folder.
+    bool ImportFollowLinks() const { return FImportFollowLinks; }
+    void SetImportFollowLinks(bool v) { FImportFollowLinks = v; }
 
     // ---- Events
 
@@ -250,6 +283,7 @@ class TBaseDocAdmin : public TComponent, public IPluginContextObject {
     TNotifyEvent OnChanged;
     TNotifyEvent OnSaved;
     TGetRessourceContainerEvent OnGetRessourceContainer;
+    TImportSkippedEvent OnImportSkipped;
 
   protected:
     void QueueFileRemoval(std::int32_t ADocumentID, const std::string& ARemoteFile,
@@ -257,6 +291,14 @@ class TBaseDocAdmin : public TComponent, public IPluginContextObject {
     // Saves (AutoSave), fires held-back child-count notices and OnChanged, at update depth 0.
     void EndUpdateStep();
     TDocDirectory* NewDirectoryIn(TDocDirectory* AParent, const std::string& ATitle);
+
+    struct TImportWalk;
+    struct TExportFolder;
+    void ImportFolderAt(const TDirHandle& AFolder, const std::string& APath,
+                        const std::string& ANameBytes, TDocDirectory* AParent, TImportWalk& AWalk);
+    void ExportFolderTo(TExportFolder& AOuter, TDocDirectory* ASourceDir, bool AIsChild,
+                        bool AContinueOnMissingFiles, const std::string& AFilePattern,
+                        const std::string& ADirPattern);
 
     TDocDirectoryRoot* FDirectories = nullptr;
     IPtr<IUserAccess> FUserAccess;
@@ -289,6 +331,10 @@ class TBaseDocAdmin : public TComponent, public IPluginContextObject {
         std::string DocName;
     };
     std::vector<TPendingRemoval> FPendingRemovals;
+    bool FReadOnly = false;
+    bool FImportFollowLinks = false;
+    // Folders of imported files beyond PATH_MAX, whose files the store reads through them.
+    std::vector<TDirHandle> FImportHandles;
 };
 
 }  // namespace docadmin

@@ -330,4 +330,45 @@ std::vector<std::string> SplitStrictCommaText(const std::string& text) {
     return std::move(l.Items());
 }
 
+std::vector<std::string> ParseStrictCommaText(const std::string& text) {
+    std::vector<std::string> items;
+    if (text.empty()) return items;
+    auto fail = [&](size_t APos, const std::string& AWhat) {
+        throw EConvertError("Malformed folder path '" + text + "': " + AWhat + " at position " +
+                            std::to_string(APos + 1));
+    };
+    size_t p = 0;
+    const size_t n = text.size();
+    while (true) {
+        std::string item;
+        if (p < n && text[p] == '"') {
+            const size_t open = p++;
+            bool closed = false;
+            while (p < n && !closed) {
+                if (text[p] != '"') {
+                    item += text[p++];
+                } else if (p + 1 < n && text[p + 1] == '"') {
+                    item += '"';
+                    p += 2;
+                } else {
+                    closed = true;
+                    ++p;
+                }
+            }
+            if (!closed) fail(open, "unclosed quote");
+            if (p < n && text[p] != ',') fail(p, "text after a closing quote");
+        } else {
+            const size_t end = std::min(text.find(',', p), n);
+            item = text.substr(p, end - p);
+            const size_t quote = item.find('"');
+            if (quote != std::string::npos) fail(p + quote, "quote inside an unquoted name");
+            p = end;
+        }
+        items.push_back(std::move(item));
+        if (p >= n) break;
+        ++p;  // the comma; a comma at the end leaves one more, empty item
+    }
+    return items;
+}
+
 }  // namespace docadmin

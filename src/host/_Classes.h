@@ -155,5 +155,11 @@ class TStringList : public TObject {
 
 // Splits a comma text with strict delimiter ("a","b,c",d) into its items.
 std::vector<std::string> SplitStrictCommaText(const std::string& text);
+// The same for text from a user, read strictly: an item is either quoted (ending at a single
+// quote, doubled quotes inside, followed by a comma or the end) or unquoted without any quote.
+// An unclosed quote, text after a closing quote or a quote inside an unquoted item raises
+// EConvertError naming the text and the position. Empty items are passed on; whether they are
+// allowed is the caller's decision.
+std::vector<std::string> ParseStrictCommaText(const std::string& text);
 
 }  // namespace docadmin

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
@@ -161,6 +162,193 @@ std::string ConvertToFileName(const std::string& AText, bool AAllowPathDelim, in
         r = CutUtf8(stem, static_cast<size_t>(AMaxLength) - ext.size()) + ext;
     }
     return r;
+}
+
+// ---- Names from and to the file system
+
+namespace {
+
+// The length of the valid UTF-8 sequence at APos, or 0 when the byte there starts none.
+size_t Utf8SequenceLength(const std::string& s, size_t APos) {
+    const size_t n = s.size();
+    auto at = [&](size_t i) { return static_cast<unsigned char>(s[i]); };
+    auto cont = [&](size_t i, unsigned lo = 0x80, unsigned hi = 0xBF) {
+        return i < n && at(i) >= lo && at(i) <= hi;
+    };
+    const unsigned c = at(APos);
+    if (c < 0x80) return 1;
+    if (c >= 0xC2 && c <= 0xDF) return cont(APos + 1) ? 2 : 0;
+    if (c >= 0xE0 && c <= 0xEF) {
+        const unsigned lo = c == 0xE0 ? 0xA0 : 0x80, hi = c == 0xED ? 0x9F : 0xBF;
+        return cont(APos + 1, lo, hi) && cont(APos + 2) ? 3 : 0;
+    }
+    if (c >= 0xF0 && c <= 0xF4) {
+        const unsigned lo = c == 0xF0 ? 0x90 : 0x80, hi = c == 0xF4 ? 0x8F : 0xBF;
+        return cont(APos + 1, lo, hi) && cont(APos + 2) && cont(APos + 3) ? 4 : 0;
+    }
+    return 0;
+}
+
+int UpperHexDigit(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
+// The byte that the escape at APos stands for, or -1 when there is none: "%" and two upper-case
+// hex digits of a value from 80 to FF, or "%25".
+int EscapeAt(const std::string& s, size_t APos) {
+    if (s[APos] != '%' || APos + 2 >= s.size()) return -1;
+    const int hi = UpperHexDigit(s[APos + 1]), lo = UpperHexDigit(s[APos + 2]);
+    if (hi < 0 || lo < 0) return -1;
+    const int v = hi * 16 + lo;
+    return v >= 0x80 || v == 0x25 ? v : -1;
+}
+
+void AppendHexByte(std::string& AOut, const char* APrefix, unsigned char AByte) {
+    static const char digits[] = "0123456789ABCDEF";
+    AOut += APrefix;
+    AOut += digits[AByte >> 4];
+    AOut += digits[AByte & 15];
+}
+
+}  // namespace
+
+bool IsValidUtf8(const std::string& AText) {
+    for (size_t i = 0; i < AText.size();) {
+        const size_t len = Utf8SequenceLength(AText, i);
+        if (len == 0) return false;
+        i += len;
+    }
+    return true;
+}
+
+std::string NameFromFileSystem(const std::string& ABytes) {
+    std::string r;
+    r.reserve(ABytes.size());
+    for (size_t i = 0; i < ABytes.size();) {
+        if (ABytes[i] == '%') {
+            r += EscapeAt(ABytes, i) >= 0 ? "%25" : "%";
+            ++i;
+            continue;
+        }
+        const size_t len = Utf8SequenceLength(ABytes, i);
+        if (len == 0) {
+            AppendHexByte(r, "%", static_cast<unsigned char>(ABytes[i]));
+            ++i;
+        } else {
+            r.append(ABytes, i, len);
+            i += len;
+        }
+    }
+    return r;
+}
+
+std::string NameToFileSystem(const std::string& AName) {
+    std::string r;
+    r.reserve(AName.size());
+    for (size_t i = 0; i < AName.size();) {
+        const int byte = EscapeAt(AName, i);
+        if (byte >= 0) {
+            r += static_cast<char>(byte);
+            i += 3;
+        } else {
+            r += AName[i++];
+        }
+    }
+    return r;
+}
+
+std::string PrintableText(const std::string& AText) {
+    std::string r;
+    r.reserve(AText.size());
+    for (size_t i = 0; i < AText.size();) {
+        const auto c = static_cast<unsigned char>(AText[i]);
+        const size_t len = Utf8SequenceLength(AText, i);
+        // C1 controls are U+0080 to U+009F: C2 80 to C2 9F.
+        const bool c1 = len == 2 && c == 0xC2 && static_cast<unsigned char>(AText[i + 1]) < 0xA0;
+        if (len == 0 || (len == 1 && (c < 0x20 || c == 0x7F))) {
+            AppendHexByte(r, "\\x", c);
+            ++i;
+        } else if (c1) {
+            AppendHexByte(r, "\\u00", static_cast<unsigned char>(AText[i + 1]));
+            i += 2;
+        } else {
+            r.append(AText, i, len);
+            i += len;
+        }
+    }
+    return r;
+}
+
+std::string SafeFileName(const std::string& AName, int AMaxLength) {
+    std::string r = NameToFileSystem(ConvertToFileName(AName, false, AMaxLength));
+    if (r.empty()) return "_";
+    if (r == "." || r == "..") return "_" + r;
+    return r;
+}
+
+// ---- Folders held open
+
+namespace {
+
+std::string ErrnoText(int AErrno) {
+    return std::strerror(AErrno);
+}
+
+}  // namespace
+
+TDirHandle::~TDirHandle() {
+    if (FHandle >= 0) ::close(FHandle);
+}
+
+TDirHandle::TDirHandle(TDirHandle&& AOther) noexcept : FHandle(AOther.FHandle) {
+    AOther.FHandle = -1;
+}
+
+TDirHandle& TDirHandle::operator=(TDirHandle&& AOther) noexcept {
+    if (this != &AOther) {
+        if (FHandle >= 0) ::close(FHandle);
+        FHandle = AOther.FHandle;
+        AOther.FHandle = -1;
+    }
+    return *this;
+}
+
+TDirHandle TDirHandle::Open(const std::string& APath) {
+    const int fd = ::open(APath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) throw EInOutError("Cannot open folder '" + APath + "': " + ErrnoText(errno));
+    return TDirHandle(fd);
+}
+
+TDirHandle TDirHandle::OpenChild(const std::string& AName, bool ACreate,
+                                 const std::string& ADisplayPath) const {
+    if (ACreate && ::mkdirat(FHandle, AName.c_str(), 0777) != 0 && errno != EEXIST)
+        throw EInOutError("Cannot create folder '" + ADisplayPath + "': " + ErrnoText(errno));
+    const int fd =
+        ::openat(FHandle, AName.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd >= 0) return TDirHandle(fd);
+    const int err = errno;
+    struct stat st {};
+    if (::fstatat(FHandle, AName.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
+        if (S_ISLNK(st.st_mode))
+            throw EInOutError("'" + ADisplayPath + "' is a symbolic link; links are not followed");
+        if (!S_ISDIR(st.st_mode))
+            throw EInOutError("'" + ADisplayPath + "' exists and is no folder");
+    }
+    throw EInOutError("Cannot open folder '" + ADisplayPath + "': " + ErrnoText(err));
+}
+
+TDirHandle TDirHandle::Duplicate() const {
+    const int fd = ::fcntl(FHandle, F_DUPFD_CLOEXEC, 0);
+    if (fd < 0) throw EInOutError("Cannot keep a folder open: " + ErrnoText(errno));
+    return TDirHandle(fd);
+}
+
+std::string TDirHandle::EntryPath(const std::string& AName) const {
+    static const bool hasProcFd = ::access("/proc/self/fd", X_OK) == 0;
+    if (!hasProcFd || FHandle < 0) return {};
+    return "/proc/self/fd/" + std::to_string(FHandle) + "/" + AName;
 }
 
 int GetFileList(const std::string& AMask, TStringList& AList, int AAttr, bool AFullPath) {

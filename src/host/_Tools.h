@@ -71,6 +71,75 @@ std::string ChangeFileExt(const std::string& APath, const std::string& AExt);
 // before its extension, never inside a UTF-8 sequence; AMaxLength <= 0 means no limit.
 std::string ConvertToFileName(const std::string& AText, bool AAllowPathDelim, int AMaxLength);
 
+// ---- Names from and to the file system
+//
+// A file name on disk is a sequence of bytes; a name in the tree is UTF-8 text. Names that are
+// valid UTF-8 are taken as they are. In a name that isn't, each byte that is no part of a valid
+// UTF-8 sequence becomes "%XX" (two upper-case hex digits, always 80 to FF). For the mapping to
+// be lossless a '%' of the original is written as "%25" where it would otherwise read as such an
+// escape: when it is followed by two upper-case hex digits of a value from 80 to FF, or by "25".
+// Every other '%' stays as it is, so "report%20final.txt" is stored unchanged.
+// NameToFileSystem(NameFromFileSystem(x)) == x for every byte string x. A name typed into the
+// tree by hand that happens to hold "%E9" comes back from NameToFileSystem as the byte E9.
+
+// True when the text is well-formed UTF-8 (no overlong forms, surrogates or values past U+10FFFF).
+bool IsValidUtf8(const std::string& AText);
+// The tree's text form of a name read from the file system (see above).
+std::string NameFromFileSystem(const std::string& ABytes);
+// The bytes of a name on the file system for a name of the tree; the inverse of the above.
+std::string NameToFileSystem(const std::string& AName);
+// Text for a terminal or a message: control characters (C0, DEL, C1) and bytes that aren't
+// valid UTF-8 are shown as "\xNN" and never written raw. Not reversible; only for display.
+std::string PrintableText(const std::string& AText);
+// The name under which a folder title or document name is written into a folder on disk: the
+// characters not allowed in a file name replaced (ConvertToFileName, so no separator survives),
+// escapes mapped back to the original bytes, cut to AMaxLength bytes, and the names that would
+// step out of the folder made harmless: an empty name becomes "_", "." becomes "_." and ".."
+// becomes "_..". The result is always one path component that names an entry of the folder.
+std::string SafeFileName(const std::string& AName, int AMaxLength = 255);
+
+// A folder held open by its descriptor, so that entries are made and read relative to it and
+// no path is walked again: a symbolic link put in the way later isn't followed, and depth is
+// not bounded by PATH_MAX. Moves, doesn't copy; closes on destruction.
+class TDirHandle {
+  public:
+    TDirHandle() = default;
+    ~TDirHandle();
+    TDirHandle(TDirHandle&& AOther) noexcept;
+    TDirHandle& operator=(TDirHandle&& AOther) noexcept;
+    TDirHandle(const TDirHandle&) = delete;
+    TDirHandle& operator=(const TDirHandle&) = delete;
+
+    // Opens a folder by path (a link as the path's last part is followed: the caller named it).
+    // Raises EInOutError naming the folder and the reason.
+    static TDirHandle Open(const std::string& APath);
+    // Opens the child folder AName without following a link; with ACreate it is made first when
+    // missing. Raises EInOutError naming ADisplayPath when the entry is a link, no folder, or
+    // can't be opened or made.
+    TDirHandle OpenChild(const std::string& AName, bool ACreate,
+                         const std::string& ADisplayPath) const;
+    // A copy of the descriptor that stays open as long as the copy lives.
+    TDirHandle Duplicate() const;
+    // Takes over an open folder descriptor; Release gives it up without closing it.
+    static TDirHandle Adopt(int AHandle) { return TDirHandle(AHandle); }
+    int Release() {
+        const int h = FHandle;
+        FHandle = -1;
+        return h;
+    }
+
+    bool IsOpen() const { return FHandle >= 0; }
+    int Handle() const { return FHandle; }
+    // A path by which others reach the entry AName of this folder through the descriptor
+    // ("/proc/self/fd/N/name"), whatever the folder's own path; empty where the system has no
+    // such paths.
+    std::string EntryPath(const std::string& AName) const;
+
+  private:
+    explicit TDirHandle(int AHandle) : FHandle(AHandle) {}
+    int FHandle = -1;
+};
+
 // Names in the folder of AMask that match its last part (wildcards * and ?), sorted; "." and
 // ".." are included as the host's directory listing has them. AAttr: 0 all entries, 1 files
 // only, 2 folders only. Answers the number added to AList.

@@ -179,6 +179,103 @@ expect 0 "$bin" import sample/scans --path "$rec"
 expect 0 "$bin" ls --json --path "$rec"
 [[ $(jq '.documents' <<<"$out") == 2 ]] || fail "second import: $(jq '.documents' <<<"$out")"
 
+# ---- reading verbs write nothing, and paths typed by the user are checked
+all_folders() { "$bin" ls --json --plugin '{3A3351B6-2371-42D8-AFDD-725670C9F106}' | jq .folders; }
+before=$(all_folders)
+expect 1 "$bin" ls --path '"typo"'
+[[ $err == "docadmin: Folder 'typo' not found (path \"{5E0C7A3D-2B9F-4C61-8D47-A1F3E6B20C95}\",\"typo\")" ]] ||
+    fail "ls of a missing path: $err"
+expect 1 "$bin" export exp-typo --path '"typo"'
+expect 0 "$bin" ls --plugin '{22222222-2222-2222-2222-222222222222}'
+for p in ',,,' '"abc' '"a"b' '"..","x"' '"a/b"' '""'; do
+    expect 1 "$bin" mkdir "$p"
+    expect 1 "$bin" ls --path "$p"
+done
+expect 1 "$bin" import sample --path '"..",".."'
+[[ $(all_folders) == "$before" ]] || fail "reading verbs or refused paths made folders"
+expect 1 "$bin" import sample/letters/a.txt
+[[ $err == "docadmin: 'sample/letters/a.txt' is a file; import takes a folder (with everything below it)" ]] ||
+    fail "import of a file: $err"
+
+# ---- import skips links, pipes and loops, and says so; --follow-links stays inside
+mkdir -p odd/sub
+printf 'x' >odd/sub/f.txt
+ln -s "$work/sample/readme.md" odd/out.md
+ln -s sub/f.txt odd/in.txt
+ln -s .. odd/sub/up
+mkfifo odd/pipe
+expect 0 "$bin" import odd --path '"odd"'
+[[ $out == *"imported 1 documents from $work/odd into folder "*"; skipped 4 entries" ]] ||
+    fail "import of links: $out"
+[[ $(grep -ac '^docadmin: skipped ' <<<"$err") == 4 ]] && grep -aq "skipped $work/odd/pipe: named pipe" <<<"$err" ||
+    fail "skipped entries: $err"
+expect 0 "$bin" import odd --path '"odd-followed"' --follow-links
+[[ $out == *"imported 2 documents"*"; skipped 3 entries" ]] || fail "--follow-links: $out :: $err"
+grep -aq "skipped $work/odd/out.md: symbolic link to '$work/sample/readme.md' outside the imported folder" <<<"$err" ||
+    fail "--follow-links outside: $err"
+
+# ---- names that aren't UTF-8 or hold control characters; paths past PATH_MAX
+# A title keeps its control character (a document name loses it on save); export writes it as
+# '_', as for every character not allowed in a file name, and gives the other bytes back.
+mkdir -p "names/caf"$'\xff'/$'d\e[31m'
+printf 'odd name' >"names/caf"$'\xff'/$'d\e[31m'/n.txt
+expect 0 "$bin" import names --path '"names"'
+expect 0 "$bin" ls --json --path '"names"'
+[[ $(jq -r '.root.folders[0].folders[0].title' <<<"$out") == "caf%FF" ]] || fail "escaped title: $out"
+expect 0 "$bin" ls --path '"names"'
+if grep -aq $'\e' <<<"$out" || ! grep -aq 'd\\x1B\[31m/' <<<"$out"; then
+    fail "ls wrote a raw control character: $out"
+fi
+expect 0 "$bin" export exp-names --path '"names"'
+cmp -s "names/caf"$'\xff'/$'d\e[31m'/n.txt "exp-names/names/caf"$'\xff'/'d_[31m'/n.txt ||
+    fail "export didn't give the original bytes back: $(find exp-names | od -c | head)"
+mkdir deep
+(cd deep && for i in $(seq 25); do
+    n=$(printf '%0200d' "$i")
+    mkdir "$n" && cd "$n" && printf '%s' "$i" >f.txt
+done)
+expect 0 "$bin" import deep --path '"deep"'
+[[ $out == "imported 25 documents"* ]] || fail "deep import: $out :: $err"
+expect 0 "$bin" export exp-deep --path '"deep"'
+[[ $(find exp-deep -type f | wc -l) == 25 ]] || fail "deep export: $out :: $err"
+
+# ---- rows made by hand (or another client): export and get stay inside their folder
+sql() {
+    if [[ $backend == postgresql ]]; then
+        psql "$conninfo options=-csearch_path=$schema" -qAtc "$1"
+    else
+        sqlite3 "$DOCADMIN_DATA/docadmin.db" "$1"
+    fi
+}
+esc=$([[ $backend == postgresql ]] && echo 'chr(27)' || echo 'char(27)')
+sql "update docadmindir set title = '..' where title = 'odd'" || fail "sql"
+sql "update docadmindir set title = '' where title = 'sub' and id in (select max(id) from docadmindir where title = 'sub')"
+sql "update docadmindocs set docname = '../../escape.txt' where id = (select min(id) from docadmindocs where docname = 'f.txt')"
+sql "update docadmindocs set docname = 'bell' || $esc || '[2J.txt' where id = (select max(id) from docadmindocs where docname = 'f.txt')"
+[[ $backend == sqlite ]] && sql "update docadmindocs set docname = cast(X'6162FF' as text) where docname = 'in.txt'"
+expect 0 "$bin" export hm/a/b
+outside=$(find hm -mindepth 1 | LC_ALL=C grep -av '^hm/a\(/b\(/.*\)\?\)\?$')
+[[ -z $outside ]] || fail "export left its folder: $outside"
+[[ $(find hm -type f -name '.._.._escape.txt' | wc -l) == 1 ]] || fail "hand-made name: $(find hm)"
+expect 0 "$bin" ls --json
+jq -e . >/dev/null <<<"$out" || fail "ls --json failed on a hand-made name"
+expect 0 "$bin" ls
+if grep -aq $'\e' <<<"$out"; then fail "ls wrote a raw control character of a hand-made name"; fi
+id=$(sql "select min(id) from docadmindocs where docname = '../../escape.txt'")
+mkdir into2
+expect 0 "$bin" get "$id" into2
+[[ -f into2/.._.._escape.txt && $(ls -A into2 | wc -l) == 1 ]] || fail "get into a folder: $(ls -a into2)"
+mkdir into3
+ln -s "$work/victim" into3/.._.._escape.txt
+expect 1 "$bin" get "$id" into3
+[[ ! -e $work/victim ]] || fail "get wrote through a link"
+mkdir hm2 victim-dir
+ln -s "$work/victim-dir" hm2/odd-followed
+expect 1 "$bin" export hm2
+[[ $err == "docadmin: 'hm2/odd-followed' is a symbolic link; links are not followed" ]] ||
+    fail "export through a folder link: $err"
+[[ -z $(ls victim-dir) ]] || fail "export wrote through a folder link"
+
 if [[ $failures -gt 0 ]]; then
     echo "$failures check(s) failed" >&2
     exit 1

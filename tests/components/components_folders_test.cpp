@@ -1,4 +1,10 @@
 // Folder paths, import of local folders and export to disk.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <functional>
+
 #include "components_fixtures.h"
 
 namespace docadmin::test {
@@ -116,6 +122,139 @@ TEST_F(FoldersTest, ExportPatternsAndMissingFiles) {
     Admin->ExportDirectory(Temp / "p4", docs, true, "", "");
     EXPECT_TRUE(fs::exists(Temp / "p4/Docs/b.pdf"));
     EXPECT_TRUE(fs::exists(Temp / "p4/Docs/Keep/k.txt"));
+}
+
+TEST_F(FoldersTest, ExportKeepsEveryTitleInsideItsDestination) {
+    // Titles and names as another client might have written them.
+    TDocDirectory* up = Admin->AddDirectory(Admin->AddDirectory(nullptr, ".."), "..");
+    Stored(Admin->AddDirectory(up, "victim"), "p.txt", "p");
+    Stored(Admin->AddDirectory(up, ""), "..", "dots");
+    Stored(Admin->AddDirectory(nullptr, "."), "../../evil.txt", "evil");  // saved as evil.txt
+    Stored(Admin->AddDirectory(nullptr, "a/../../b"), "%FF.txt", "bytes");
+
+    const std::string dest = Temp / "exp/a/b";
+    Admin->ExportDirectory(dest, nullptr, false, "", "");
+    EXPECT_EQ(Listing(Temp / "exp"),
+              (std::vector<std::string>{"a/", "a/b/", "a/b/_../", "a/b/_../_../", "a/b/_../_../_/",
+                                        "a/b/_../_../_/_..", "a/b/_../_../victim/",
+                                        "a/b/_../_../victim/p.txt", "a/b/_./", "a/b/_./evil.txt",
+                                        "a/b/a_.._.._b/", "a/b/a_.._.._b/\xFF.txt"}));
+    EXPECT_EQ(ReadFile(dest + "/a_.._.._b/\xFF.txt"), "bytes");
+}
+
+TEST_F(FoldersTest, ExportNeverWritesThroughALink) {
+    TDocDirectory* docs = Admin->AddDirectory(nullptr, "Docs");
+    Stored(docs, "a.txt", "new");
+    WriteFile(Temp / "victim.txt", "keep");
+    fs::create_directories(Temp / "victim");
+
+    // A link where a file goes counts as taken; the file gets the next name.
+    fs::create_directories(Temp / "out1/Docs");
+    fs::create_symlink(Temp / "victim.txt", Temp / "out1/Docs/a.txt");
+    Admin->ExportDirectory(Temp / "out1", nullptr, false, "", "");
+    EXPECT_EQ(ReadFile(Temp / "victim.txt"), "keep");
+    EXPECT_EQ(ReadFile(Temp / "out1/Docs/a_2.txt"), "new");
+
+    // A link where a folder goes stops the export.
+    fs::create_directories(Temp / "out2");
+    fs::create_directory_symlink(Temp / "victim", Temp / "out2/Docs");
+    try {
+        Admin->ExportDirectory(Temp / "out2", nullptr, false, "", "");
+        ADD_FAILURE() << "export went through a folder link";
+    } catch (const EInOutError& e) {
+        EXPECT_EQ(e.Message(), "'" + (Temp / "out2/Docs") +
+                                   "' is a symbolic link; links are "
+                                   "not followed");
+    }
+    EXPECT_TRUE(fs::is_empty(Temp / "victim"));
+}
+
+TEST_F(FoldersTest, ImportSkipsLinksPipesAndLoopsAndNamesWhatItSkipped) {
+    const std::string in = Temp / "in/top";
+    WriteFile(in + "/real.txt", "r");
+    WriteFile(in + "/sub/inner.txt", "i");
+    WriteFile(Temp / "outside.txt", "secret");
+    fs::create_symlink(Temp / "outside.txt", in + "/out.txt");
+    fs::create_symlink(in + "/real.txt", in + "/in.txt");
+    fs::create_directory_symlink(in, in + "/sub/loop");
+    fs::create_directory_symlink(in + "/sub", in + "/subling");
+    ASSERT_EQ(::mkfifo((in + "/pipe").c_str(), 0600), 0);
+
+    std::vector<std::string> skipped;
+    Admin->OnImportSkipped = [&](TObject*, const std::string& path, const std::string& why) {
+        skipped.push_back(fs::path(path).lexically_relative(in).string() + ": " + why);
+    };
+    auto documents = [&] {
+        std::vector<std::string> r;
+        std::function<void(TDocDirectory*, const std::string&)> walk = [&](TDocDirectory* d,
+                                                                           const std::string& p) {
+            for (TDocument* doc : d->DocumentsInMemory())
+                r.push_back(p + ExtractFileName(doc->DocName()));
+            for (TDocDirectory* c : d->ChildDirectoriesInMemory())
+                walk(c, p + c->Titel() + "/");
+        };
+        walk(Admin->Directories(), "");
+        std::sort(r.begin(), r.end());
+        return r;
+    };
+    Admin->ImportDirectory(in, nullptr);
+    EXPECT_EQ(documents(), (std::vector<std::string>{"top/real.txt", "top/sub/inner.txt"}));
+    EXPECT_EQ(skipped,
+              (std::vector<std::string>{"in.txt: symbolic link, not followed",
+                                        "out.txt: symbolic link, not followed", "pipe: named pipe",
+                                        "sub/loop: symbolic link, not followed",
+                                        "subling: symbolic link, not followed"}));
+
+    // Following links: those inside are taken (a folder once), the others are named.
+    Admin = std::make_unique<TTestDocAdmin>();
+    Admin->SetDocFileLoader(new TTestStore(Temp / "store2"));
+    Admin->SetImportFollowLinks(true);
+    Admin->OnImportSkipped = [&](TObject*, const std::string& path, const std::string& why) {
+        skipped.push_back(fs::path(path).lexically_relative(in).string() + ": " + why);
+    };
+    skipped.clear();
+    Admin->ImportDirectory(in, nullptr);
+    EXPECT_EQ(documents(),
+              (std::vector<std::string>{"top/in.txt", "top/real.txt", "top/sub/inner.txt"}));
+    ASSERT_EQ(skipped.size(), 4u);
+    EXPECT_EQ(skipped[0], "out.txt: symbolic link to '" +
+                              fs::canonical(Temp / "outside.txt").string() +
+                              "' outside the imported folder");
+    EXPECT_EQ(skipped[1], "pipe: named pipe");
+    EXPECT_EQ(skipped[2], "sub/loop: folder taken in already through another path (a link loop?)");
+    EXPECT_EQ(skipped[3], "subling: folder taken in already through another path (a link loop?)");
+}
+
+TEST_F(FoldersTest, ImportTakesNamesThatArentUtf8AndPathsPastPathMax) {
+    // 25 levels of 200-byte names that aren't UTF-8, a file in each: about 5,000 bytes of path,
+    // past PATH_MAX, so the tree is made and removed through folder descriptors.
+    std::vector<TDirHandle> levels;
+    levels.push_back(TDirHandle::Open(Temp.Path()));
+    auto name = [](int level) { return std::string(199, static_cast<char>('a' + level)) + "\xFF"; };
+    levels.push_back(levels.back().OpenChild("deep", true, "deep"));
+    for (int i = 0; i < 25; ++i) {
+        levels.push_back(levels.back().OpenChild(name(i), true, name(i)));
+        const int fd = ::openat(levels.back().Handle(), "f.txt", O_WRONLY | O_CREAT, 0600);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(::write(fd, name(i).data(), 3), 3);
+        ::close(fd);
+    }
+    Admin->ImportDirectory(Temp / "deep", nullptr);  // saves at its end (AutoSave)
+
+    TDocDirectory* d = Admin->Directories()->GetChildDirectorys(0);
+    for (int i = 0; i < 25; ++i) {
+        ASSERT_EQ(d->ChildDirectoryCount(), 1);
+        d = d->GetChildDirectorys(0);
+        EXPECT_EQ(d->Titel(), std::string(199, static_cast<char>('a' + i)) + "%FF");
+        ASSERT_EQ(d->DocumentCount(), 1);
+        EXPECT_GT(d->GetDocuments(0)->DocID(), 0);
+        EXPECT_EQ(ReadFile(Temp / ("store/" + d->GetDocuments(0)->RemoteFileName())),
+                  name(i).substr(0, 3));
+    }
+    for (int i = 24; i >= 0; --i) {
+        ::unlinkat(levels[static_cast<size_t>(i) + 2].Handle(), "f.txt", 0);
+        ::unlinkat(levels[static_cast<size_t>(i) + 1].Handle(), name(i).c_str(), AT_REMOVEDIR);
+    }
 }
 
 }  // namespace
