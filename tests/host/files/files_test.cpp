@@ -117,11 +117,15 @@ class FilesConvert : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(FilesConvert, TextDocumentToPDF) {
+TEST_F(FilesConvert, TextDocumentToAnOfficeFormatAndThatToPDF) {
     REQUIRE_TOOL(FClient.GetFileHandlerByExt(".txt"), "LibreOffice");
     REQUIRE_TOOL(!FindExecutable("pdftotext").empty(), "pdftotext (poppler-utils)");
     WriteAll(Data("letter.txt"), "Grüße from the document store\nsecond line\n");
-    ASSERT_TRUE(FClient.ConvertFormat(Data("letter.txt"), Data("letter.pdf")))
+    ASSERT_TRUE(FClient.ConvertFormat(Data("letter.txt"), Data("letter.docx")))
+        << TKRFileHandlerClient::LastConvertError();
+    EXPECT_EQ(ReadAll(Data("letter.docx")).substr(0, 4), "PK\x03\x04");
+    // The PDF is made from the DOCX, so its text proves both steps.
+    ASSERT_TRUE(FClient.ConvertFormat(Data("letter.docx"), Data("letter.pdf")))
         << TKRFileHandlerClient::LastConvertError();
     EXPECT_EQ(ReadAll(Data("letter.pdf")).substr(0, 5), "%PDF-");
     Poppler({FindExecutable("pdftotext"), Data("letter.pdf"), Data("letter-text.txt")});

@@ -126,9 +126,13 @@ TEST(JobsMainQueue, SynchronizeRunsOnTheMainThreadAndPassesExceptionsBack) {
     EXPECT_TRUE(offMainRaised);
 
     // A queued call's exception leaves CheckSynchronize; the call after it waits for the next.
-    int later = 0;
+    // The wake-up hook hears of each call.
+    int later = 0, wakes = 0;
+    SetWakeMainThread([&] { ++wakes; });
     Queue([] { throw EAbort("queued failure"); });
     Queue([&] { ++later; });
+    SetWakeMainThread(nullptr);
+    EXPECT_EQ(wakes, 2);
     EXPECT_THROW(CheckSynchronize(), EAbort);
     EXPECT_EQ(later, 0);
     EXPECT_TRUE(CheckSynchronize());
