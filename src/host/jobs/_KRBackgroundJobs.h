@@ -27,9 +27,9 @@
 // job's lock is taken, never the other way round. No event and no Execute runs under a lock. An
 // owner that calls a job from another thread than the one its free event comes on must not race
 // with that event (with ASyncEvents and an owner on the main thread there is no such race);
-// TerminateAndDisconnect from inside an end event's lifetime is safe, as the free waits for it. An
+// TerminateAndDisconnect while the job's end event runs is safe, as the free waits for it. An
 // exception of an event delivered on a pool thread is dropped; on the main thread it leaves
-// CheckSynchronize.
+// CheckSynchronize. A job's Execute must not shut down or wait for its own scheduler.
 #pragma once
 
 #include <chrono>
