@@ -63,6 +63,9 @@ TProcessResult RunProcess(const std::vector<std::string>& AArgv, const std::stri
     posix_spawn_file_actions_addopen(&actions, 1, AOutputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
                                      0600);
     posix_spawn_file_actions_adddup2(&actions, 1, 2);
+    // Nothing else of this process (listening sockets, database files) reaches the program, which
+    // could otherwise hold them after this process has let go.
+    posix_spawn_file_actions_addclosefrom_np(&actions, 3);
     if (!ADir.empty()) posix_spawn_file_actions_addchdir_np(&actions, ADir.c_str());
     // A group of its own, so that a kill reaches everything the program starts; default signal
     // handling and no blocked signals, whatever this process has set up.

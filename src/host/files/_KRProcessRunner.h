@@ -17,11 +17,12 @@ struct TProcessResult {
     std::string Error;      // why it could not be started
 };
 
-// Runs AArgv[0] (a path) with the argument vector AArgv in the folder ADir, stdin from /dev/null
-// and stdout and stderr into AOutputFile. The environment is this process's with the "NAME=value"
-// entries of AEnv put over it. The child leads a process group of its own; at the deadline the
-// whole group is killed (SIGKILL), and after a normal end too, so that nothing the program
-// started stays behind (a helper that leaves the group with setsid escapes this).
+// Runs AArgv[0] (a path) with the argument vector AArgv in the folder ADir, stdin from /dev/null,
+// stdout and stderr into AOutputFile and no other open file of this process. The environment is
+// this process's with the "NAME=value" entries of AEnv put over it. The child leads a process group
+// of its own; at the deadline the whole group is killed (SIGKILL), and after a normal end too, so
+// that nothing the program started stays behind (a helper that leaves the group with setsid escapes
+// this).
 TProcessResult RunProcess(const std::vector<std::string>& AArgv, const std::string& ADir,
                           const std::vector<std::string>& AEnv, const std::string& AOutputFile,
                           std::chrono::steady_clock::time_point ADeadline);

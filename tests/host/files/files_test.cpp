@@ -1,8 +1,10 @@
 // File conversion: real conversions with LibreOffice and ImageMagick checked by rendering the
 // result, and failing, hanging and parallel converters played by small scripts. Every test runs
 // with a private temporary folder that must be empty at its end.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <unistd.h>
 #include <zlib.h>
 
 #include <algorithm>
@@ -238,6 +240,17 @@ TEST_F(FilesConvert, ParallelConversionsKeepToTheLimit) {
     TKRFileHandlerClient::SetMaxParallelConversions(before);
     EXPECT_EQ(converted, 3);
     EXPECT_EQ(ReadAll(Data("2.pdf")), "converted\n");
+}
+
+TEST_F(FilesConvert, ConvertersInheritNoOpenFileOfTheHost) {
+    const int fd = ::open(Data("held.txt").c_str(), O_CREAT | O_WRONLY, 0600);  // no O_CLOEXEC
+    ASSERT_GE(fd, 3);
+    FakeOffice(FClient, "[ -e /proc/self/fd/" + std::to_string(fd) +
+                            " ] && exit 9\necho converted > out/source.pdf\n");
+    WriteAll(Data("in.txt"), "text");
+    EXPECT_TRUE(FClient.ConvertFormat(Data("in.txt"), Data("in.pdf")))
+        << TKRFileHandlerClient::LastConvertError();
+    ::close(fd);
 }
 
 TEST_F(FilesConvert, UnknownFormatsMissingFilesAndHandlersByExtension) {
