@@ -1,6 +1,6 @@
 // Feeds arbitrary bytes to the container reader: open, read every block through the stream and
 // each block on its own. Damage must end in one of the stream's exceptions, never in a crash,
-// a hang or an allocation the input cannot justify.
+// a hang or an allocation the input cannot justify; a repaired file must read as intact.
 #include <cstddef>
 #include <cstdint>
 
@@ -33,6 +33,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         }
         s.Seek(100, TSeekOrigin::soEnd);
         s.Read(buf, sizeof buf);
+    } catch (const Exception&) {
+    }
+    // Repair keeps the blocks that read back; what it leaves must be an intact container.
+    try {
+        TECLStream r(&file, false, "", zlibMax, 0);
+        r.SetThreads(1);
+        r.Repair();
+        if (!r.Damage().empty()) __builtin_trap();
+        TMemoryStream out;
+        r.SaveToStream(out);
     } catch (const Exception&) {
     }
     return 0;

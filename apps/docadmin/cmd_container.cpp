@@ -1,12 +1,12 @@
 // docadmin container pack|unpack|info|verify: the compressed container from the command line.
-#include <zlib.h>
-
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <iostream>
 #include <sstream>
 
-#include "_GZTools.h"
+#include "_StoreFiles.h"
+#include "_TBaseDocFileLoader.h"
 #include "_TECLStream.h"
 #include "commands.h"
 #include "progress.h"
@@ -23,59 +23,39 @@ std::int64_t FileSizeOf(const std::string& name) {
     return ec ? 0 : static_cast<std::int64_t>(n);
 }
 
+// The output appears only when complete; the input is never the output.
 void Pack(const std::string& in, const std::string& out, const std::string& levelName) {
     TECLCompressionLevel level = zlibMax;
     ECLLevelFromName(levelName, level);
-    TFileStream target(out, fmCreate);
-    TECLStream s(&target, true, "", level, 0);
-    TerminalProgress bar("pack", FileSizeOf(in) > kProgressThreshold);
-    s.OnProgress = [&](TObject*, double p) { bar.Update(p); };
-    s.LoadFromFile(in);
-    bar.Finish();
-}
-
-// Legacy files are one zlib or gzip stream; inflate it in 32 KiB steps.
-void InflateLegacy(const std::string& in, const std::string& out) {
-    TFileStream source(in, fmOpenRead | fmShareDenyWrite);
-    TFileStream target(out, fmCreate);
-    z_stream zs{};
-    if (::inflateInit2(&zs, 15 + 32) != Z_OK) throw Exception("inflate initialisation failed");
-    std::vector<std::uint8_t> inBuf(32768), outBuf(32768);
-    int rc = Z_OK;
+    RefuseSameFile(in, out);
+    errno = 0;
     try {
-        while (rc != Z_STREAM_END) {
-            const std::int32_t n =
-                source.Read(inBuf.data(), static_cast<std::int32_t>(inBuf.size()));
-            if (n <= 0) throw Exception("legacy compressed file \"" + in + "\" is truncated");
-            zs.next_in = inBuf.data();
-            zs.avail_in = static_cast<uInt>(n);
-            while (zs.avail_in > 0 && rc != Z_STREAM_END) {
-                zs.next_out = outBuf.data();
-                zs.avail_out = static_cast<uInt>(outBuf.size());
-                rc = ::inflate(&zs, Z_NO_FLUSH);
-                if (rc != Z_OK && rc != Z_STREAM_END)
-                    throw Exception("legacy compressed file \"" + in + "\" is damaged");
-                target.WriteBuffer(outBuf.data(),
-                                   static_cast<std::int64_t>(outBuf.size() - zs.avail_out));
-            }
+        TAtomicOutput output(out);
+        {
+            TFileStream target(output.Path(), fmCreate);
+            TECLStream s(&target, true, "", level, 0);
+            TerminalProgress bar("pack", FileSizeOf(in) > kProgressThreshold);
+            s.OnProgress = [&](TObject*, double p) { bar.Update(p); };
+            s.LoadFromFile(in);
+            bar.Finish();
         }
-    } catch (...) {
-        ::inflateEnd(&zs);
+        output.Commit();
+    } catch (Exception& e) {
+        const int err = errno;
+        AddFailureContext(e, "while packing \"" + in + "\" into \"" + out + "\"", err);
         throw;
     }
-    ::inflateEnd(&zs);
 }
 
 void Unpack(const std::string& in, const std::string& out) {
-    std::unique_ptr<TFileStream> source = std::make_unique<TFileStream>(in, fmShareDenyWrite);
-    TECLStream s(source.get(), false, "", zlibMax, 0);
-    if (s.CompressionLevel() == eclNone && IsCompressedGZFile(in)) {
-        InflateLegacy(in, out);
-        return;
+    std::int64_t size = 0;
+    {
+        TFileStream source(in, fmShareDenyWrite);
+        TECLStream s(&source, false, "", zlibMax, 0);
+        size = s.CompressionLevel() == eclNone ? 0 : s.Size();
     }
-    TerminalProgress bar("unpack", s.Size() > kProgressThreshold);
-    s.OnProgress = [&](TObject*, double p) { bar.Update(p); };
-    s.SaveToFile(out);
+    TerminalProgress bar("unpack", size > kProgressThreshold);
+    UnpackStoredFile(in, out, [&](TObject*, double p) { bar.Update(p); });
     bar.Finish();
 }
 
@@ -106,7 +86,8 @@ void Info(const std::string& file, bool json) {
         o << "{\"file\":" << JsonString(file) << ",\"level\":" << JsonString(level)
           << ",\"blockSize\":" << s.StreamHeader().BlockSize << ",\"plainSize\":" << s.Size()
           << ",\"packedSize\":" << s.GetPackedSize() << ",\"rate\":" << s.GetCompressionRate()
-          << ",\"blocks\":[";
+          << ",\"declaredBlocks\":" << s.DeclaredBlocks()
+          << ",\"damage\":" << JsonString(s.Damage()) << ",\"blocks\":[";
         for (std::int32_t i = 0; i < h.ItemCount; ++i) {
             const TECLHeader& b = h.Items[static_cast<std::size_t>(i)];
             o << (i ? "," : "") << "{\"position\":" << h.Positions[static_cast<std::size_t>(i)]
@@ -119,6 +100,7 @@ void Info(const std::string& file, bool json) {
           << "\nblock size:  " << s.StreamHeader().BlockSize << "\nplain size:  " << s.Size()
           << "\npacked size: " << s.GetPackedSize() << "\nrate:        " << s.GetCompressionRate()
           << " %\nblocks:      " << h.ItemCount << "\n";
+        if (!s.Damage().empty()) o << "damage:      " << s.Damage() << "\n";
         if (h.ItemCount > 0) o << "  #  position  packedSize  trueSize  Crc32     nextHeaderNo\n";
         for (std::int32_t i = 0; i < h.ItemCount; ++i) {
             const TECLHeader& b = h.Items[static_cast<std::size_t>(i)];
@@ -132,6 +114,7 @@ void Info(const std::string& file, bool json) {
     std::cout << o.str();
 }
 
+// Reads every block and checks the chain against the header; reports every fault found.
 void Verify(const std::string& file) {
     TFileStream source(file, fmShareDenyWrite);
     TECLStream s(&source, false, "", zlibMax, 0);
@@ -140,19 +123,50 @@ void Verify(const std::string& file) {
         return;
     }
     const std::int32_t n = s.Headers().ItemCount;
+    int faults = 0;
+    if (!s.Damage().empty()) {
+        std::cerr << file << ": " << s.Damage() << "\n";
+        ++faults;
+    }
     TerminalProgress bar("verify", s.GetPackedSize() > kProgressThreshold);
     for (std::int32_t i = 0; i < n; ++i) {
         try {
             s.LoadBlock(i);
         } catch (const Exception& e) {
             bar.Finish();
-            std::cerr << file << ": block " << i << " is damaged: " << e.Message() << "\n";
-            throw CLI::RuntimeError(kExitFailure);
+            std::cerr << file << ": " << e.Message() << "\n";
+            ++faults;
         }
         bar.Update(100.0 * (i + 1) / n);
     }
     bar.Finish();
+    if (faults > 0) {
+        std::cerr << file
+                  << ": damaged; \"docadmin container repair\" keeps the intact blocks "
+                     "from the start\n";
+        throw CLI::RuntimeError(kExitFailure);
+    }
     std::cout << file << ": " << n << " blocks, " << s.Size() << " bytes, all intact\n";
+}
+
+// Cuts a damaged container behind its intact blocks from the start, in place.
+void Repair(const std::string& file) {
+    TFileStream target(file, fmOpenReadWrite);
+    TECLStream s(&target, false, "", zlibMax, 0);
+    if (s.CompressionLevel() == eclNone) {
+        std::cout << file << ": plain file, nothing to repair\n";
+        return;
+    }
+    const std::int32_t before = std::max(s.DeclaredBlocks(), s.Headers().ItemCount);
+    const std::string damage = s.Damage();
+    const std::int32_t kept = s.Repair();
+    if (damage.empty() && kept == before) {
+        std::cout << file << ": " << kept << " blocks, all intact, nothing to repair\n";
+        return;
+    }
+    target.Flush();
+    std::cout << file << ": kept " << kept << " of " << before << " blocks, " << s.Size()
+              << " bytes; the rest is lost\n";
 }
 
 CommandRegistrar reg([](CLI::App& app) {
@@ -180,9 +194,14 @@ CommandRegistrar reg([](CLI::App& app) {
     info->callback([] { Info(file, json); });
 
     auto* verify =
-        container->add_subcommand("verify", "Read every block; fail on the first damaged one");
+        container->add_subcommand("verify", "Read every block and the chain; fail on damage");
     verify->add_option("FILE", file, "file to check")->required();
     verify->callback([] { Verify(file); });
+
+    auto* repair = container->add_subcommand(
+        "repair", "Cut a damaged container in place behind its intact blocks from the start");
+    repair->add_option("FILE", file, "container to repair")->required();
+    repair->callback([] { Repair(file); });
 });
 
 }  // namespace

@@ -40,6 +40,7 @@ static CommandRegistrar reg([](CLI::App& app) {
     store->require_subcommand(1);
     static StoreOptions opts;
     static std::string file, remote, dest;
+    static std::int64_t expectSize = -1;
 
     auto* put = store->add_subcommand("put", "Store a file; prints its remote name");
     put->add_option("FILE", file, "local file to store")->required();
@@ -63,13 +64,16 @@ static CommandRegistrar reg([](CLI::App& app) {
     auto* get = store->add_subcommand("get", "Write the plain content of a remote file");
     get->add_option("REMOTE", remote, "remote name")->required();
     get->add_option("DEST", dest, "local file to write")->required();
+    get->add_option("--expect-size", expectSize,
+                    "fail, leaving DEST untouched, unless the content has this many bytes");
     AddCommon(get, opts);
     get->callback([] {
         auto host = Host(opts);
-        OpenStore(*host, opts)->DownloadFile(remote, dest);
+        OpenStore(*host, opts)->DownloadFileOfSize(remote, dest, expectSize);
     });
 
-    auto* rm = store->add_subcommand("rm", "Remove a remote file");
+    auto* rm = store->add_subcommand(
+        "rm", "Remove a remote file (one that is already gone is no failure)");
     rm->add_option("REMOTE", remote, "remote name")->required();
     AddCommon(rm, opts);
     rm->callback([] {

@@ -360,6 +360,8 @@ void TECLStream::ReadHeaders() {
     FHeader.EncMethod = 0;  // no cipher exists; the data is read as it stands
     FCompressionLevel = static_cast<TECLCompressionLevel>(FHeader.compressionLevel);
 
+    FDamage.clear();
+    FDeclaredBlocks = FHeader.NumBlocks;
     if (FCompressionLevel == eclNone) {
         // Plain data, or a signed file at level 0: every byte of the file is content.
         FTrueSize = fileSize;
@@ -371,36 +373,54 @@ void TECLStream::ReadHeaders() {
         if (FHeader.BlockSize <= 0 || FHeader.BlockSize > kECLMaxBlockSize ||
             FHeader.CustomHeaderSize < 0 || FHeader.NumBlocks < 0 || dataStart > fileSize) {
             FFile->Seek(savedPos, TSeekOrigin::soBeginning);
-            throw Exception(kDecompressionError);
+            throw Exception(
+                std::string(kDecompressionError) + " The stream header is damaged (block size " +
+                std::to_string(FHeader.BlockSize) + ", " + std::to_string(FHeader.NumBlocks) +
+                " blocks, custom header " + std::to_string(FHeader.CustomHeaderSize) + " bytes).");
         }
+        // The chain is walked and checked, never repaired here: the file is cut short, or a
+        // pointer leads astray, when the blocks found differ from what the header announces.
+        const std::int32_t n = FHeader.NumBlocks;
+        auto of = [n](std::int32_t i) {
+            return std::to_string(i + 1) + " of " + std::to_string(n);
+        };
+        auto note = [this](std::string text) {
+            if (FDamage.empty()) FDamage = std::move(text);
+        };
         std::int64_t pos = dataStart;
-        for (std::int32_t i = 0; i < FHeader.NumBlocks; ++i) {
+        for (std::int32_t i = 0; i < n; ++i) {
             if (fileSize - pos < kECLBlockHeaderSize) {
-                // Truncated: cut the file behind the last whole block header and record the
-                // blocks that remain, where the data stream can be written.
-                FHeader.NumBlocks = i;
-                try {
-                    if (pos < fileSize) FFile->SetSize(pos);
-                    WriteStreamHeader();
-                } catch (const std::exception&) {
-                    // A read-only stream keeps its bytes; the table in memory is repaired.
-                }
+                note("The header announces " + std::to_string(n) + " blocks, but the file ends " +
+                     (i == 0 ? std::string("before the first")
+                             : "after block " + std::to_string(i)) +
+                     " (" + std::to_string(fileSize) + " bytes).");
                 break;
             }
             std::uint8_t raw[kECLBlockHeaderSize];
             FFile->Seek(pos, TSeekOrigin::soBeginning);
             if (FFile->Read(raw, kECLBlockHeaderSize) != kECLBlockHeaderSize) {
-                FFile->Seek(savedPos, TSeekOrigin::soBeginning);
-                throw Exception(kDecompressionError);
+                note("Block " + of(i) + " can't be read.");
+                break;
             }
             TECLHeader h;
             h.Decode(raw);
             headers.AppendItem(h, static_cast<std::uint32_t>(pos));
             FTrueSize += h.trueSize;
-            // A chain that doesn't move forward would never end.
-            if (i + 1 < FHeader.NumBlocks && h.nextHeaderNo < pos + kECLBlockHeaderSize) {
-                FFile->Seek(savedPos, TSeekOrigin::soBeginning);
-                throw Exception(kDecompressionError);
+            const std::int64_t dataEnd = pos + kECLBlockHeaderSize + h.packedSize;
+            const bool last = i + 1 == n;
+            if (h.trueSize == 0 || h.trueSize > static_cast<std::uint32_t>(FHeader.BlockSize) ||
+                (!last && h.trueSize != static_cast<std::uint32_t>(FHeader.BlockSize)))
+                note("Block " + of(i) + " claims " + std::to_string(h.trueSize) +
+                     " plain bytes in blocks of " + std::to_string(FHeader.BlockSize) + ".");
+            if (dataEnd > fileSize) {
+                note("Block " + of(i) + " reaches past the end of the file (" +
+                     std::to_string(fileSize) + " bytes).");
+                break;
+            }
+            // A chain that doesn't move forward would never end or would read blocks twice.
+            if (!last && h.nextHeaderNo < dataEnd) {
+                note("The chain pointer of block " + of(i) + " points back into the file.");
+                break;
             }
             pos = h.nextHeaderNo;
         }
@@ -431,8 +451,65 @@ void TECLStream::CheckModified() {
     if (FFile->Modified()) ReadHeaders();
 }
 
+void TECLStream::CheckIntact() const {
+    if (!FDamage.empty()) throw Exception(std::string(kDecompressionError) + " " + FDamage);
+}
+
+std::string TECLStream::BlockNote(std::int32_t n) const {
+    const std::int32_t total = std::max(headers.ItemCount, FDeclaredBlocks);
+    return " Block " + std::to_string(n + 1) + " of " + std::to_string(total) + " is damaged.";
+}
+
+std::uint32_t TECLStream::OffsetBehind(std::uint64_t At, std::uint32_t Packed) {
+    const std::uint64_t next = At + kECLBlockHeaderSize + Packed;
+    if (next > MaxFileOffset)
+        throw EECLSizeLimit("The container would grow beyond " + std::to_string(MaxFileOffset) +
+                            " bytes, the largest offset its format can hold.");
+    return static_cast<std::uint32_t>(next);
+}
+
+std::int32_t TECLStream::Repair() {
+    CheckModified();
+    if (!HasBlocks()) return 0;
+    // The longest run of blocks from the start that read back; a short block ends it, since
+    // only the last block may be short.
+    std::int32_t keep = 0;
+    while (keep < headers.ItemCount) {
+        try {
+            UnpackBlock(keep, ReadPackedBlock(keep), true);
+        } catch (const Exception&) {
+            break;
+        }
+        const bool shortBlock = headers.Items[static_cast<std::size_t>(keep)].trueSize <
+                                static_cast<std::uint32_t>(FHeader.BlockSize);
+        ++keep;
+        if (shortBlock) break;
+    }
+    if (FDamage.empty() && keep == headers.ItemCount) return keep;
+    std::uint32_t cutAt =
+        static_cast<std::uint32_t>(kECLStreamHeaderSize + FHeader.CustomHeaderSize);
+    if (keep > 0) {
+        TECLHeader& h = headers.Items[static_cast<std::size_t>(keep - 1)];
+        cutAt = OffsetBehind(headers.Positions[static_cast<std::size_t>(keep - 1)], h.packedSize);
+        h.nextHeaderNo = cutAt;
+        std::uint8_t raw[kECLBlockHeaderSize];
+        h.Encode(raw);
+        FFile->Seek(headers.Positions[static_cast<std::size_t>(keep - 1)],
+                    TSeekOrigin::soBeginning);
+        FFile->WriteBuffer(raw, kECLBlockHeaderSize);
+    }
+    headers.SetSize(keep);
+    FFile->SetSize(cutAt);
+    WriteStreamHeader();
+    FFile->SetModified(false);
+    ReadHeaders();
+    Seek(0, TSeekOrigin::soBeginning);
+    return keep;
+}
+
 void TECLStream::WriteStreamHeader() {
     FHeader.NumBlocks = headers.ItemCount;
+    FDeclaredBlocks = FHeader.NumBlocks;
     std::uint8_t raw[kECLStreamHeaderSize];
     FHeader.Encode(raw);
     FFile->Seek(0, TSeekOrigin::soBeginning);
@@ -470,7 +547,7 @@ void TECLStream::PrepareBufferForWriting(const std::uint8_t* Buffer, std::int32_
 }
 
 std::vector<std::uint8_t> TECLStream::ReadPackedBlock(std::int32_t n) {
-    if (n < 0 || n >= headers.ItemCount) throw Exception(kDecompressionError);
+    if (n < 0 || n >= headers.ItemCount) throw Exception(kDecompressionError + BlockNote(n));
     const TECLHeader& h = headers.Items[static_cast<std::size_t>(n)];
     const std::int64_t dataPos =
         static_cast<std::int64_t>(headers.Positions[static_cast<std::size_t>(n)]) +
@@ -478,12 +555,12 @@ std::vector<std::uint8_t> TECLStream::ReadPackedBlock(std::int32_t n) {
     // A short read fails instead of leaving the caller without data; checking against the
     // file's size first keeps a lying packedSize from allocating what the file cannot hold.
     if (h.packedSize == 0 || dataPos + h.packedSize > FFile->Size())
-        throw Exception(kDecompressionError);
+        throw Exception(kDecompressionError + BlockNote(n));
     std::vector<std::uint8_t> packed(h.packedSize);
     FFile->Seek(dataPos, TSeekOrigin::soBeginning);
     if (FFile->Read(packed.data(), static_cast<std::int32_t>(h.packedSize)) !=
         static_cast<std::int32_t>(h.packedSize))
-        throw Exception(kDecompressionError);
+        throw Exception(kDecompressionError + BlockNote(n));
     return packed;
 }
 
@@ -492,21 +569,22 @@ std::vector<std::uint8_t> TECLStream::UnpackBlock(std::int32_t n,
                                                   bool isLast) {
     const TECLHeader& h = headers.Items[static_cast<std::size_t>(n)];
     if (ECLZlibLevelOf(FCompressionLevel) < 0 || h.trueSize == 0)
-        throw Exception(kDecompressionError);
+        throw Exception(kDecompressionError + BlockNote(n));
     // Every block but the last holds BlockSize bytes, and none holds more.
     if (h.trueSize > static_cast<std::uint32_t>(FHeader.BlockSize) ||
         (!isLast && h.trueSize != static_cast<std::uint32_t>(FHeader.BlockSize)))
-        throw Exception(kInvalidSizeError);
+        throw Exception(kInvalidSizeError + BlockNote(n));
     std::vector<std::uint8_t> plain(h.trueSize);
     std::size_t produced = 0;
     TZInflateResult r;
     try {
         r = ZDecompressBuf(packed.data(), packed.size(), plain.data(), plain.size(), produced);
     } catch (const EZlibError&) {
-        throw Exception(kDecompressionError);
+        throw Exception(kDecompressionError + BlockNote(n));
     }
-    if (r != TZInflateResult::Exact) throw Exception(kInvalidSizeError);
-    if (ECLBlockCrc(plain.data(), plain.size()) != h.Crc32) throw Exception(kCrcError);
+    if (r != TZInflateResult::Exact) throw Exception(kInvalidSizeError + BlockNote(n));
+    if (ECLBlockCrc(plain.data(), plain.size()) != h.Crc32)
+        throw Exception(kCrcError + BlockNote(n));
     return plain;
 }
 
@@ -557,6 +635,7 @@ std::int32_t TECLStream::Read(void* Buffer, std::int32_t Count) {
         DoProgress(100);
         return n;
     }
+    CheckIntact();
     DoProgress(0);
     if (FCurrentPos > FTrueSize) return 0;
     const std::int64_t bs = FHeader.BlockSize;
@@ -597,6 +676,7 @@ std::int32_t TECLStream::Write(const void* Buffer, std::int32_t Count) {
         return n;
     }
     if (Count <= 0) return 0;
+    CheckIntact();
     DoProgress(0);
     if (FCurrentPos > FTrueSize) {
         const std::int64_t pos = FCurrentPos;
@@ -605,8 +685,6 @@ std::int32_t TECLStream::Write(const void* Buffer, std::int32_t Count) {
         if (Seek(pos, TSeekOrigin::soBeginning) != pos) return 0;
     }
     const std::int64_t bs = FHeader.BlockSize;
-    // Offsets are 32-bit in the format: a write beyond that is refused as a short write.
-    if (FCurrentPos + Count > INT32_MAX) return 0;
     const std::int64_t Start = FCurrentPos;
     const std::int64_t End = Start + Count - 1;
     const auto First = static_cast<std::int32_t>(Start / bs);
@@ -657,9 +735,9 @@ std::int32_t TECLStream::Write(const void* Buffer, std::int32_t Count) {
         PrepareBufferForWriting(plain.data(), static_cast<std::int32_t>(trueSize), h, packed);
         const std::uint32_t prevNext =
             i == 0 ? dataStart : headers.Items[static_cast<std::size_t>(i - 1)].nextHeaderNo;
-        if (i == lastIndex) h.nextHeaderNo = prevNext + h.packedSize + kECLBlockHeaderSize;
+        if (i == lastIndex || h.packedSize > oldPacked || Grown)
+            h.nextHeaderNo = OffsetBehind(prevNext, h.packedSize);
         if (h.packedSize > oldPacked) Grown = true;
-        if (Grown && i != lastIndex) h.nextHeaderNo = prevNext + h.packedSize + kECLBlockHeaderSize;
         packedList.push_back(std::move(packed));
     }
     if (Grown && headers.ItemCount > 1)
@@ -686,13 +764,11 @@ void TECLStream::SetSize(std::int64_t NewSize) {
         return;
     }
     NewSize = std::max<std::int64_t>(0, NewSize);
-    if (NewSize == FTrueSize) return;
+    // Emptying a damaged container replaces it whole; any other change needs it intact.
+    if (NewSize != 0) CheckIntact();
+    if (NewSize == FTrueSize && FDamage.empty()) return;
     const std::int64_t bs = FHeader.BlockSize;
     if (NewSize > FTrueSize) {
-        if (NewSize > INT32_MAX)
-            throw Exception(
-                "TECLStream.SetSize - error extending file. NewSize = " + std::to_string(NewSize) +
-                ", extSize = " + std::to_string(NewSize - FTrueSize));
         // Zeros up to the new size, written block by block so that a large gap needs no more
         // memory than one block.
         const std::int64_t extSize = NewSize - FTrueSize;
@@ -731,12 +807,13 @@ void TECLStream::SetSize(std::int64_t NewSize) {
     if (Rest > 0) {
         FFile->SetSize(pos);
         FFile->Seek(0, TSeekOrigin::soEnd);
-        h.nextHeaderNo = pos + h.packedSize + kECLBlockHeaderSize;
+        h.nextHeaderNo = OffsetBehind(pos, h.packedSize);
         headers.Items[static_cast<std::size_t>(Blocks)] = h;
         headers.Positions[static_cast<std::size_t>(Blocks)] = pos;
         WriteBlock(Blocks, packed);
     }
     FTrueSize = NewSize;
+    FDamage.clear();
     if (FCurrentPos > FTrueSize) Seek(0, TSeekOrigin::soEnd);
     CalcRate();
     FFile->SetModified(false);
@@ -744,6 +821,7 @@ void TECLStream::SetSize(std::int64_t NewSize) {
 
 void TECLStream::SaveToStream(TStream& Target) {
     CheckModified();
+    CheckIntact();
     if (HasBlocks() && FThreads > 1 && ECLZlibLevelOf(FCompressionLevel) > 0 &&
         headers.ItemCount > 1) {
         ParallelSaveToStream(Target);
@@ -765,6 +843,7 @@ void TECLStream::LoadFromStream(TStream& Source) {
 
 void TECLStream::SaveToFile(const std::string& FileName) {
     CheckModified();
+    CheckIntact();
     auto* source = HasBlocks() ? nullptr : dynamic_cast<THandleStream*>(FStream);
     if (!source) {
         TECLBaseStream::SaveToFile(FileName);
@@ -877,7 +956,7 @@ void TECLStream::ParallelLoadFromStream(TStream& Source) {
             const std::int32_t i = headers.ItemCount;
             const std::uint32_t prevNext =
                 i == 0 ? dataStart : headers.Items[static_cast<std::size_t>(i - 1)].nextHeaderNo;
-            p.header.nextHeaderNo = prevNext + p.header.packedSize + kECLBlockHeaderSize;
+            p.header.nextHeaderNo = OffsetBehind(prevNext, p.header.packedSize);
             headers.AppendItem(p.header, prevNext);
             FTrueSize += p.header.trueSize;
             FCurrentPos = FTrueSize;

@@ -44,6 +44,10 @@ inline constexpr std::int32_t kECLBlockHeaderSize = 16;
 inline constexpr std::int32_t kECLMaxBlockSize = 1572864;
 inline constexpr std::int32_t kECLDefaultBlockSize = 1048576;
 
+// A write that would need a file offset beyond what the format's 32-bit chain pointers hold.
+// The stream is unusable afterwards; its file is to be discarded.
+DOCADMIN_DECLARE_EXCEPTION(EECLSizeLimit, Exception);
+
 // Plain bytes per block at a level; levels beyond the table answer 0.
 std::int32_t ECLBlockSizeOf(TECLCompressionLevel level);
 // The zlib level (1, 5 or 9) of a level that has a compressor here, else -1.
@@ -199,8 +203,26 @@ class TECLStream : public TECLBaseCompressedStream {
     const TECLStreamHeader& StreamHeader() const { return FHeader; }
     const TECLHeadersArray& Headers() const { return headers; }
 
-    // The plain bytes of block n, checked against its size and CRC. Raises the LoadBlock texts.
+    // The plain bytes of block n, checked against its size and CRC. Raises the LoadBlock texts,
+    // followed by which block of how many is damaged.
     std::vector<std::uint8_t> LoadBlock(std::int32_t n);
+
+    // What is wrong with the block chain, in words; empty for an intact container. A damaged
+    // container (cut short, a chain pointer that leads astray, sizes that don't add up) is never
+    // read or written as a whole: Read, Write, SetSize and the copy loops raise the
+    // decompression error with this text, so that no reader takes part of a file for all of it.
+    // LoadBlock still reads single blocks, for inspection.
+    const std::string& Damage() const { return FDamage; }
+    // The block count that the stream header announces.
+    std::int32_t DeclaredBlocks() const { return FDeclaredBlocks; }
+    // Cuts a damaged container behind the longest run of blocks from the start that read back
+    // intact and rewrites its header, so that it reads as that shorter content. Answers the
+    // blocks kept. Only on request: no read repairs anything.
+    std::int32_t Repair();
+
+    // The largest file offset a chain pointer can hold; a write beyond it raises EECLSizeLimit.
+    // Tests lower it to exercise the limit without writing gigabytes.
+    static inline std::uint64_t MaxFileOffset = 0xFFFFFFFFu;
 
     // Worker threads for LoadFromStream and SaveToStream; 1 keeps everything on the caller's
     // thread. Defaults to the number of processors.
@@ -208,6 +230,13 @@ class TECLStream : public TECLBaseCompressedStream {
 
   protected:
     void ReadHeaders();
+    // Raises the decompression error with the damage text for a damaged container.
+    void CheckIntact() const;
+    // "Block n+1 of N is damaged.", appended to the LoadBlock texts.
+    std::string BlockNote(std::int32_t n) const;
+    // The offset behind a block of Packed bytes whose header stands at At; raises EECLSizeLimit
+    // beyond MaxFileOffset.
+    static std::uint32_t OffsetBehind(std::uint64_t At, std::uint32_t Packed);
     void CalcRate();
     void CheckModified();
     void WriteStreamHeader();
@@ -232,6 +261,8 @@ class TECLStream : public TECLBaseCompressedStream {
     std::int32_t FCurrentHeader = 0;
     std::int64_t FCurrentPos = 0;
     TECLStreamHeader FHeader;
+    std::string FDamage;               // empty when the chain is intact
+    std::int32_t FDeclaredBlocks = 0;  // NumBlocks as the file's header states it
     unsigned FThreads = 1;
 };
 

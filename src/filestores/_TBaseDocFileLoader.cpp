@@ -1,11 +1,16 @@
 #include "_TBaseDocFileLoader.h"
 
+#include <fcntl.h>
+#include <unistd.h>
 #include <zlib.h>
 
+#include <cerrno>
 #include <cmath>
+#include <cstring>
 #include <vector>
 
 #include "_GZTools.h"
+#include "_StoreFiles.h"
 #include "_TECLFileStream.h"
 
 namespace docadmin {
@@ -37,6 +42,14 @@ void TBaseDocFileLoader::DownloadFileNonBlocked(const std::string& RemoteFile,
     }
 }
 
+void TBaseDocFileLoader::DownloadFileOfSize(const std::string& RemoteFile,
+                                            const std::string& DestFileName,
+                                            std::int64_t ExpectedSize) {
+    FExpectedSize = ExpectedSize;
+    TFinally reset{[this] { FExpectedSize = -1; }};
+    DownloadFile(RemoteFile, DestFileName);
+}
+
 std::string TBaseDocFileLoader::GenerateNewFileName() {
     std::string s = CreateGUIDString();
     std::string r;
@@ -49,12 +62,15 @@ std::string TBaseDocFileLoader::GenerateNewFileName() {
 void TBaseDocFileLoader::CheckRemoteFileName(const std::string& RemoteFile) {
     const bool bad = RemoteFile.empty() || RemoteFile == "." || RemoteFile == ".." ||
                      RemoteFile.find_first_of(std::string("/\\\0", 3)) != std::string::npos;
-    if (!bad) return;
+    const bool temporary = !bad && IsTemporaryName(RemoteFile);
+    if (!bad && !temporary) return;
     // Shown to a user: a NUL would cut the text short, so it is written as "\0".
     std::string shown;
     for (char c : RemoteFile)
         shown += c == '\0' ? std::string("\\0") : std::string(1, c);
-    throw EKRUserMessageException("Invalid remote file name \"" + shown + "\"!");
+    throw EKRUserMessageException(
+        "Invalid remote file name \"" + shown + "\"!" +
+        (temporary ? " Names starting with \".~\" are the store's temporary files." : ""));
 }
 
 // ---- events
@@ -100,6 +116,16 @@ bool TBaseDocFileLoader::IsGZFile(const std::string& FileName) {
     return IsCompressedGZFile(FileName);
 }
 
+bool TBaseDocFileLoader::WouldBeMisreadAsPlain(const std::string& FileName) {
+    char head[4] = {};
+    const int fd = ::open(FileName.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    const ssize_t n = ::read(fd, head, sizeof head);
+    ::close(fd);
+    if (n == static_cast<ssize_t>(sizeof head) && std::memcmp(head, "AACS", 4) == 0) return true;
+    return IsGZFile(FileName);
+}
+
 bool TBaseDocFileLoader::CompressFile(const std::string& Source, const std::string& Dest,
                                       TCompressMode AMode) {
     FCompressionFile = Source;
@@ -107,24 +133,53 @@ bool TBaseDocFileLoader::CompressFile(const std::string& Source, const std::stri
     auto progress = [this](TObject* Sender, double PercentDone) {
         CompressProgress(Sender, PercentDone);
     };
-    if (AMode == cmCompress) {
-        TECLFileStream stream(Dest, fmCreate, "", zlibMax, 0);
-        stream.SetSyncOnClose(FSyncCompressedFiles);
-        stream.OnProgress = progress;
-        stream.LoadFromFile(Source);
+    if (AMode == cmUnCompress) {
+        UnpackStoredFile(Source, Dest, progress, FExpectedSize);
         return true;
     }
-    // Opening reads the level from the file: anything but a container reports eclNone.
-    TECLFileStream stream(Source, fmOpenRead | fmShareDenyWrite, "", zlibMax, 0);
+    RefuseSameFile(Source, Dest);
+    TECLFileStream stream(Dest, fmCreate, "", zlibMax, 0);
+    stream.SetSyncOnClose(FSyncCompressedFiles);
     stream.OnProgress = progress;
-    stream.InnerStream()->Seek(0, TSeekOrigin::soBeginning);
-    if (stream.InnerStream()->CompressionLevel() != eclNone)
-        stream.SaveToFile(Dest);
-    else if (IsGZFile(Source))
-        InflateLegacyFile(Source, Dest);  // no compress events on this path
-    else
-        stream.SaveToFile(Dest);  // plain: a byte-for-byte copy with the same events
+    stream.LoadFromFile(Source);
     return true;
+}
+
+void AddFailureContext(Exception& E, const std::string& Doing, int SavedErrno) {
+    std::string text = E.Message();
+    if ((text == "Stream write error" || text == "Stream read error") && SavedErrno != 0)
+        text += ": " + SystemErrorText(SavedErrno);
+    E.SetMessage(text + " (" + Doing + ")");
+}
+
+void UnpackStoredFile(const std::string& Source, const std::string& Dest,
+                      const TECLProgressEvent& Progress, std::int64_t ExpectedSize) {
+    RefuseSameFile(Source, Dest);
+    errno = 0;
+    try {
+        TAtomicOutput out(Dest);
+        {
+            // Opening reads the level from the file: anything but a container reports eclNone.
+            TECLFileStream stream(Source, fmOpenRead | fmShareDenyWrite, "", zlibMax, 0);
+            stream.OnProgress = Progress;
+            stream.InnerStream()->Seek(0, TSeekOrigin::soBeginning);
+            if (stream.InnerStream()->CompressionLevel() != eclNone)
+                stream.SaveToFile(out.Path());  // fails on a damaged container, never repairs
+            else if (IsCompressedGZFile(Source))
+                InflateLegacyFile(Source, out.Path());  // no compress events on this path
+            else
+                stream.SaveToFile(out.Path());  // plain: a byte-for-byte copy, same events
+        }
+        const std::int64_t written = out.WrittenSize();
+        if (ExpectedSize >= 0 && written >= 0 && written != ExpectedSize)
+            throw EReadError("The content is " + std::to_string(written) + " bytes long, but " +
+                             std::to_string(ExpectedSize) + " bytes were expected.");
+        out.Commit();
+    } catch (Exception& e) {
+        const int err = errno;
+        AddFailureContext(e, "while reading \"" + Source + "\" into \"" + Dest + "\"", err);
+        throw;
+    }
 }
 
 // ---- legacy files

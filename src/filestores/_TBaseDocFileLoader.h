@@ -4,7 +4,11 @@
 //
 // Remote names are 32 upper-case hexadecimal digits (a GUID without "{", "}" and "-"). Names that
 // were not generated here are passed through as they come, but a name that could leave the flat
-// repository (see CheckRemoteFileName) is refused before it is used.
+// repository or that has the form of the store's own temporaries (see CheckRemoteFileName) is
+// refused before it is used.
+//
+// Downloads never repair and never leave a partial file: a damaged container fails, and the
+// destination is replaced only by complete content.
 //
 // A store reads three generations of files side by side, told apart by content alone:
 // containers (signature "AACS"), legacy compressed files (a zlib stream with gzip or zlib
@@ -20,6 +24,7 @@
 #include <vector>
 
 #include "_PluginIntf.h"
+#include "_TECLStream.h"
 
 namespace docadmin {
 
@@ -76,12 +81,22 @@ class TBaseDocFileLoader : public TPluginBaseComponent {
     // Ends the batch: what was prepared and not uploaded is dropped.
     virtual void EndPreparedUploads();
 
+    // DownloadFile that also fails, leaving DestFileName untouched, when the plain content is
+    // not ExpectedSize bytes long (a negative size checks nothing).
+    void DownloadFileOfSize(const std::string& RemoteFile, const std::string& DestFileName,
+                            std::int64_t ExpectedSize);
+
     // 32 upper-case hexadecimal digits of a new GUID.
     static std::string GenerateNewFileName();
 
-    // Raises EKRUserMessageException for a remote name that could leave the flat repository:
-    // empty, ".", "..", or containing "/", "\" or a NUL character.
+    // Raises EKRUserMessageException for a remote name that could leave the flat repository
+    // (empty, ".", "..", or containing "/", "\" or a NUL character) or that has the form of
+    // the store's temporaries (starting with ".~").
     static void CheckRemoteFileName(const std::string& RemoteFile);
+
+    // Whether a reader would take the file for something other than plain content if it were
+    // stored as it is: it starts with the container signature, or passes the legacy test.
+    static bool WouldBeMisreadAsPlain(const std::string& FileName);
 
     TOnCompressEvent OnCompress;
     TOnComressStartEndEvent OnCompressStart;
@@ -101,7 +116,10 @@ class TBaseDocFileLoader : public TPluginBaseComponent {
 
     // Compresses Source into a new container at Dest (cmCompress), or writes the plain content
     // of Source to Dest (cmUnCompress), whichever of the three generations Source is. Always
-    // answers true; failures raise, and a partly written Dest stays on disk.
+    // answers true; failures raise. Dest of cmCompress is a temporary of the caller; with
+    // cmUnCompress, Dest is replaced only by complete content of the expected size (see
+    // DownloadFileOfSize), and a damaged container fails. Source and Dest naming the same
+    // file is refused. A container that would outgrow its format raises EECLSizeLimit.
     bool CompressFile(const std::string& Source, const std::string& Dest, TCompressMode AMode);
     // The legacy test of the host for a stored file.
     static bool IsGZFile(const std::string& FileName);
@@ -114,6 +132,8 @@ class TBaseDocFileLoader : public TPluginBaseComponent {
 
     // Whether CompressFile flushes the container it writes to the disk before it returns.
     bool FSyncCompressedFiles = true;
+    // The plain size the download now running must have; -1 when unknown.
+    std::int64_t FExpectedSize = -1;
 
   private:
     std::string FCompressionFile;  // source of the compress step now running
@@ -128,8 +148,22 @@ TBaseDocFileLoader* CreateDocFileLoader(TComponent* AOwner) {
     return new T(AOwner);
 }
 
-// Inflates a legacy compressed file (gzip or zlib wrapper, detected from the header) into Dest
-// through 32 KiB buffers. Raises EReadError when the data is damaged or cut short.
+// Inflates a legacy compressed file (gzip or zlib wrapper, detected from the header; several
+// members one after the other form one file) into Dest through 32 KiB buffers. Raises EReadError
+// when the data is damaged or cut short.
 void InflateLegacyFile(const std::string& Source, const std::string& Dest);
+
+// Writes the plain content of Source (a container, a legacy compressed or a plain file) to Dest,
+// in full or not at all: through a temporary in Dest's folder that replaces Dest when complete.
+// A damaged container fails and is left as it is. With ExpectedSize >= 0, content of another
+// size fails too. Progress is reported by the container stream (not for legacy files). Refuses
+// Source and Dest naming the same file. Failures name Source and Dest and say why.
+void UnpackStoredFile(const std::string& Source, const std::string& Dest,
+                      const TECLProgressEvent& Progress, std::int64_t ExpectedSize = -1);
+
+// Appends to a failure's message what was being done, and the system's reason for the bare
+// stream texts ("Stream write error: No space left on device"). SavedErrno is errno as it stood
+// when the failure was caught.
+void AddFailureContext(Exception& E, const std::string& Doing, int SavedErrno);
 
 }  // namespace docadmin

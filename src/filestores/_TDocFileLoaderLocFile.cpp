@@ -13,17 +13,13 @@
 #include <thread>
 #include <vector>
 
+#include "_StoreFiles.h"
+
 namespace docadmin {
 
 namespace fs = std::filesystem;
 
 namespace {
-
-// Temporary files of unfinished uploads start with this; seeding skips them.
-constexpr const char* kTempPrefix = ".~";
-// Prepared containers older than this are left over from a process that ended without cleaning
-// up; younger ones may belong to a batch that is still running.
-constexpr double kStalePreparedSeconds = 3600;
 
 std::string FileNamePart(const std::string& path) {
     return fs::path(path).filename().string();
@@ -103,17 +99,6 @@ void FlushPath(const std::string& path, int flags) {
     if (::fsync(f.fd) != 0) ThrowErrno("flush " + path);
 }
 
-// A fresh name in the target's folder for the content of an upload in progress: a random token
-// drawn once per process (unique across processes and hosts sharing the folder) and a counter.
-std::string TempNameFor(const std::string& folder, const std::string& remote) {
-    static const std::string token = TBaseDocFileLoader::GenerateNewFileName();
-    static std::atomic<std::uint64_t> counter{0};
-    char tail[24];
-    std::snprintf(tail, sizeof tail, "%llX",
-                  static_cast<unsigned long long>(counter.fetch_add(1) + 1));
-    return folder + "/" + kTempPrefix + remote + "." + token + tail + ".tmp";
-}
-
 }  // namespace
 
 // ---- settings
@@ -157,7 +142,11 @@ void TDocFileLoaderLocFile::SetFilePath(const std::string& AFilePath, bool AMigr
     FFilePath = StripTrailingSeparator(repo ? repo->ExpandPathMacros(AFilePath) : AFilePath);
 
     std::error_code ec;
-    if (fs::is_directory(FFilePath, ec)) return;
+    if (fs::is_directory(FFilePath, ec)) {
+        // The store starts here: what killed processes left of their uploads goes.
+        RemoveDeadTemporaries(FFilePath);
+        return;
+    }
     if (FFilePath.empty() || !fs::create_directories(FFilePath, ec) || ec) {
         if (!ec) ec = std::make_error_code(std::errc::no_such_file_or_directory);
         throw EFCreateError("Error creating docroot \"" + FFilePath + "\"!\r\n" + ec.message());
@@ -176,7 +165,7 @@ void TDocFileLoaderLocFile::SeedFromOldRoot(const std::string& AOldRoot) {
     std::error_code ec;
     for (fs::directory_iterator it(AOldRoot, ec), end; !ec && it != end; it.increment(ec)) {
         const std::string name = it->path().filename().string();
-        if (!it->is_regular_file(ec) || name.rfind(kTempPrefix, 0) == 0) continue;
+        if (!it->is_regular_file(ec) || IsTemporaryName(name)) continue;
         std::error_code copyError;  // an existing name or a failed copy is skipped
         fs::copy_file(it->path(), fs::path(FFilePath) / name, fs::copy_options::none, copyError);
     }
@@ -184,8 +173,8 @@ void TDocFileLoaderLocFile::SeedFromOldRoot(const std::string& AOldRoot) {
 
 // ---- transfers
 
-void TDocFileLoaderLocFile::CommitUpload(const std::string& TempFile, const std::string& Target) {
-    if (::rename(TempFile.c_str(), Target.c_str()) != 0) ThrowErrno("rename " + TempFile);
+void TDocFileLoaderLocFile::CommitUpload(TTempFile& Temp, const std::string& Target) {
+    Temp.CommitAs(Target);
     FlushFolderEntry();
 }
 
@@ -214,7 +203,7 @@ std::string TDocFileLoaderLocFile::UploadFile(const std::string& LocalFileName,
     DoTransferStart(FileNamePart(LocalFileName), tmUpload);
     DoTransfer(0, 0, 0);
 
-    std::string temp;
+    errno = 0;
     try {
         TUploadPreparer::TPrepared prepared;
         if (FUseCompression && FPreparer && FPreparer->Take(LocalFileName, prepared)) {
@@ -226,54 +215,62 @@ std::string TDocFileLoaderLocFile::UploadFile(const std::string& LocalFileName,
                 prepared.LinkAs(target);
                 FlushFolderEntry();
             } else {
-                // Named like any upload in progress, then renamed over the old content.
-                temp = TempNameFor(FFilePath, result);
-                prepared.LinkAs(temp);
-                CommitUpload(temp, target);
+                prepared.CommitAs(target);
+                FlushFolderEntry();
             }
             ++FPreparedTaken;
-        } else if (FUseCompression) {
-            temp = TempNameFor(FFilePath, result);
-            CompressFile(LocalFileName, temp, cmCompress);
-            if (!FDeferFlush) FlushPath(temp, O_RDONLY);
-            CommitUpload(temp, target);
         } else {
-            temp = TempNameFor(FFilePath, result);
-            try {
-                Fd in(::open(LocalFileName.c_str(), O_RDONLY | O_CLOEXEC));
-                if (in.fd < 0) ThrowErrno("open " + LocalFileName);
-                struct stat st {};
-                if (::fstat(in.fd, &st) != 0 || !S_ISREG(st.st_mode)) ThrowErrno(LocalFileName);
-                Fd out(::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
-                if (out.fd < 0) ThrowErrno("create " + temp);
-                // Blocks reserved up front make the writeback cheaper; the size still comes
-                // from what is copied. Only a hint: a file system without it just copies.
-                if (st.st_size > 0) (void)::fallocate(out.fd, FALLOC_FL_KEEP_SIZE, 0, st.st_size);
-                CopyAll(in.fd, out.fd);
-                if (!FDeferFlush && ::fsync(out.fd) != 0) ThrowErrno("flush " + temp);
-            } catch (const std::exception&) {
-                throw EKRUserMessageException("Local file " + LocalFileName +
-                                              " not found. Can't save to repository!");
-            }
+            TTempFile temp(FFilePath, result);
+            WriteUpload(LocalFileName, temp);
+            if (!FDeferFlush) temp.Flush();
             CommitUpload(temp, target);
         }
-    } catch (...) {
-        std::error_code ec;
-        if (!temp.empty()) fs::remove(temp, ec);
+    } catch (Exception& e) {
+        const int err = errno;
+        AddFailureContext(e, "while storing \"" + LocalFileName + "\" as \"" + target + "\"", err);
         throw;
     }
     DoTransferEnd(0);
     return result;
 }
 
+// Plain files go as they are, unless a reader would take them for a container or a legacy
+// compressed file: those always go into a container, so that every upload comes back byte for
+// byte. A container that would outgrow its format gives way to the plain file, where that is
+// safe.
+void TDocFileLoaderLocFile::WriteUpload(const std::string& LocalFileName, TTempFile& Temp) {
+    if (FUseCompression || WouldBeMisreadAsPlain(LocalFileName)) {
+        try {
+            CompressFile(LocalFileName, Temp.Path(), cmCompress);
+            return;
+        } catch (const EECLSizeLimit& e) {
+            if (WouldBeMisreadAsPlain(LocalFileName))
+                throw EKRUserMessageException(
+                    "Local file " + LocalFileName +
+                    " can't be stored: it is too large for a container, and stored as it is it "
+                    "would read back as a compressed file. " +
+                    e.Message());
+        }
+        if (::ftruncate(Temp.Handle(), 0) != 0) ThrowErrno("truncate " + Temp.Path());
+    }
+    Fd in(::open(LocalFileName.c_str(), O_RDONLY | O_CLOEXEC));
+    struct stat st {};
+    if (in.fd < 0 || ::fstat(in.fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        const std::string why = in.fd < 0 ? SystemErrorText(errno) : "not a regular file";
+        throw EKRUserMessageException("Local file " + LocalFileName +
+                                      " not found. Can't save to repository! (" + why + ")");
+    }
+    // Blocks reserved up front make the writeback cheaper; the size still comes from what is
+    // copied. Only a hint: a file system without it just copies.
+    if (st.st_size > 0) (void)::fallocate(Temp.Handle(), FALLOC_FL_KEEP_SIZE, 0, st.st_size);
+    CopyAll(in.fd, Temp.Handle());
+}
+
 void TDocFileLoaderLocFile::PrepareUploads(const std::vector<std::string>& LocalFiles) {
     // Worth it only with a second core and something to deflate.
     static const unsigned cores = std::thread::hardware_concurrency();
     if (!FUseCompression || cores < 2 || LocalFiles.size() < 2 || FFilePath.empty()) return;
-    if (!FPreparer) {
-        TUploadPreparer::RemoveStaleTemporaries(FFilePath, kStalePreparedSeconds);
-        FPreparer = std::make_unique<TUploadPreparer>(FFilePath);
-    }
+    if (!FPreparer) FPreparer = std::make_unique<TUploadPreparer>(FFilePath);
     FPreparer->Start(LocalFiles);
 }
 
@@ -290,7 +287,7 @@ void TDocFileLoaderLocFile::DownloadFile(const std::string& RemoteFile,
         throw EFileNotFoundInRepositoryException("File " + source + " not found in repository!");
     DoTransferStart(FileNamePart(DestFileName), tmDownload);
     DoTransfer(0, 0, 0);
-    CompressFile(source, DestFileName, cmUnCompress);
+    CompressFile(source, DestFileName, cmUnCompress);  // names the file when it fails
     DoTransferEnd(0);
 }
 
@@ -299,10 +296,10 @@ void TDocFileLoaderLocFile::RemoveFile(const std::string& RemoteFile,
     CheckRemoteFileName(RemoteFile);
     DoTransferStart(ADescription, tmDelete);
     const std::string target = RemotePath(RemoteFile);
-    std::error_code ec;
-    if (!fs::exists(target, ec))
-        throw EKRUserMessageException("File " + target + " not found in repository!");
-    fs::remove(target, ec);  // the outcome is not looked at
+    // A file that is already gone is what the caller wants; one that stays is a failure.
+    if (::unlink(target.c_str()) != 0 && errno != ENOENT)
+        throw EKRUserMessageException(
+            "File " + target + " can't be removed from the repository: " + SystemErrorText(errno));
     DoTransferEnd(0);
 }
 

@@ -3,13 +3,20 @@
 //
 // An upload never leaves a half-written file under a remote name: the content goes to a
 // temporary file in the same folder, is flushed to disk and then renamed over the target, so a
-// reader sees either the old or the new content, also when an upmChange is cut short.
+// reader sees either the old or the new content, also when an upmChange is cut short. The
+// temporaries of processes that died are removed when a store starts on the folder.
+//
+// Departures from the plain store for the safety of the data: with compression off, a file that
+// would read back as a container or a legacy compressed file is still stored as a container; a
+// file too large for a container is stored as it is, or refused when it would then be misread;
+// removing a file that is already gone is no failure, while one that can't be removed raises.
 #pragma once
 
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "_StoreFiles.h"
 #include "_TBaseDocFileLoader.h"
 #include "_TUploadPreparer.h"
 
@@ -29,8 +36,7 @@ class TDocFileLoaderLocFile : public TBaseDocFileLoader {
     void RemoveFile(const std::string& RemoteFile, const std::string& ADescription) override;
     // With compression on, compresses the files ahead on a worker thread into hidden temporaries
     // of the folder; UploadFile then renames a prepared container into place when it was made
-    // from the file as it stands. Prepared temporaries left by an earlier process are removed
-    // when the first batch starts.
+    // from the file as it stands.
     void PrepareUploads(const std::vector<std::string>& LocalFiles) override;
     void EndPreparedUploads() override;
     // Uploads that were served from a prepared container, since the store was made.
@@ -72,7 +78,9 @@ class TDocFileLoaderLocFile : public TBaseDocFileLoader {
     // a failed copy is skipped. The old files stay where they are.
     void SeedFromOldRoot(const std::string& AOldRoot);
     // Puts the finished temporary file in place of Target (an atomic rename in one folder).
-    virtual void CommitUpload(const std::string& TempFile, const std::string& Target);
+    virtual void CommitUpload(TTempFile& Temp, const std::string& Target);
+    // Writes the content of an upload to Temp: a container or the plain bytes.
+    void WriteUpload(const std::string& LocalFileName, TTempFile& Temp);
     // Makes a new folder entry durable now, or at FlushUploads when flushing is deferred.
     void FlushFolderEntry();
 

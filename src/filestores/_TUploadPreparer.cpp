@@ -1,6 +1,7 @@
 #include "_TUploadPreparer.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -25,16 +26,6 @@ bool SameFile(const struct stat& a, const struct stat& b) {
            a.st_ctim.tv_sec == b.st_ctim.tv_sec && a.st_ctim.tv_nsec == b.st_ctim.tv_nsec;
 }
 
-// Hidden like the store's other temporaries (".~" ... ".tmp"), unique per process and batch.
-std::string PreparedName(const std::string& folder) {
-    static const std::string token = TBaseDocFileLoader::GenerateNewFileName();
-    static std::atomic<std::uint64_t> counter{0};
-    char tail[24];
-    std::snprintf(tail, sizeof tail, "%llX",
-                  static_cast<unsigned long long>(counter.fetch_add(1) + 1));
-    return folder + "/.~prepared." + token + tail + ".tmp";
-}
-
 }  // namespace
 
 TUploadPreparer::TUploadPreparer(std::string AFolder, std::size_t AWindow)
@@ -52,7 +43,6 @@ void TUploadPreparer::Start(const std::vector<std::string>& LocalFiles) {
     for (const std::string& f : LocalFiles) {
         TEntry e;
         e.Source = f;
-        e.Temp = PreparedName(FFolder);
         FEntries.push_back(std::move(e));
     }
     FNext = 0;
@@ -97,10 +87,8 @@ void TUploadPreparer::Drop(TEntry& AEntry) {
     if (AEntry.Fd >= 0) {
         ::close(AEntry.Fd);  // an unnamed file goes with its last descriptor
         AEntry.Fd = -1;
-    } else {
-        std::error_code ec;
-        fs::remove(AEntry.Temp, ec);
     }
+    AEntry.Named.reset();  // removes the named file
     AEntry.Progress.clear();
 }
 
@@ -121,7 +109,8 @@ void TUploadPreparer::Prepare(TEntry& AEntry, const std::string& ASource) {
                 stream.OnProgress = progress;
                 stream.LoadFromFile(ASource);
             } else {
-                TECLFileStream stream(AEntry.Temp, fmCreate, "", zlibMax, 0);
+                AEntry.Named = std::make_unique<TTempFile>(FFolder, "prepared");
+                TECLFileStream stream(AEntry.Named->Path(), fmCreate, "", zlibMax, 0);
                 stream.SetSyncOnClose(false);  // the store flushes when it takes the file
                 stream.OnProgress = progress;
                 stream.LoadFromFile(ASource);
@@ -165,7 +154,7 @@ bool TUploadPreparer::Take(const std::string& LocalFile, TPrepared& AResult) {
         return false;
     }
     AResult.Fd = e.Fd;
-    AResult.Temp = e.Temp;
+    AResult.Named = std::move(e.Named);
     AResult.Progress = std::move(e.Progress);
     e.Fd = -1;
     return true;
@@ -176,10 +165,11 @@ TUploadPreparer::TPrepared::~TPrepared() {
 }
 
 void TUploadPreparer::TPrepared::LinkAs(const std::string& APath) {
-    if (Fd < 0) {
-        if (::rename(Temp.c_str(), APath.c_str()) != 0)
-            throw EInOutError("rename " + Temp + ": " + std::strerror(errno));
-        Temp = APath;
+    if (Named) {
+        // A second name that never replaces an existing file; the temporary name goes with
+        // Named.
+        if (::link(Named->Path().c_str(), APath.c_str()) != 0)
+            throw EInOutError("link " + APath + ": " + std::strerror(errno));
         return;
     }
     // Linking a descriptor by its name in /proc needs no privilege, unlike AT_EMPTY_PATH.
@@ -188,34 +178,29 @@ void TUploadPreparer::TPrepared::LinkAs(const std::string& APath) {
         throw EInOutError("link " + APath + ": " + std::strerror(errno));
 }
 
-void TUploadPreparer::TPrepared::Flush() {
-    if (Fd >= 0) {
-        if (::fsync(Fd) != 0) throw EInOutError(std::string("flush: ") + std::strerror(errno));
+void TUploadPreparer::TPrepared::CommitAs(const std::string& APath) {
+    if (Named) {
+        Named->CommitAs(APath);
         return;
     }
-    const int fd = ::open(Temp.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) throw EInOutError("open " + Temp + ": " + std::strerror(errno));
-    const int rc = ::fsync(fd);
-    ::close(fd);
-    if (rc != 0) throw EInOutError("flush " + Temp + ": " + std::strerror(errno));
+    // Named like any upload in progress, and locked before it has the name, then renamed over
+    // the old content.
+    if (::flock(Fd, LOCK_EX) != 0) throw EInOutError(std::string("lock: ") + std::strerror(errno));
+    const std::string temp = NewTemporaryPath(fs::path(APath).parent_path().string(), "prepared");
+    LinkAs(temp);
+    if (::rename(temp.c_str(), APath.c_str()) != 0) {
+        const int err = errno;
+        ::unlink(temp.c_str());
+        throw EInOutError("rename " + temp + ": " + std::strerror(err));
+    }
 }
 
-void TUploadPreparer::RemoveStaleTemporaries(const std::string& AFolder, double AMaxAgeSeconds) {
-    std::error_code ec;
-    const auto now = fs::file_time_type::clock::now();
-    for (fs::directory_iterator it(AFolder, ec), end; !ec && it != end; it.increment(ec)) {
-        const std::string name = it->path().filename().string();
-        if (name.rfind(".~prepared.", 0) != 0 || name.size() < 4 ||
-            name.compare(name.size() - 4, 4, ".tmp") != 0)
-            continue;
-        std::error_code timeError;
-        const auto written = fs::last_write_time(it->path(), timeError);
-        if (timeError) continue;
-        if (std::chrono::duration<double>(now - written).count() > AMaxAgeSeconds) {
-            std::error_code removeError;
-            fs::remove(it->path(), removeError);
-        }
+void TUploadPreparer::TPrepared::Flush() {
+    if (Named) {
+        Named->Flush();
+        return;
     }
+    if (::fsync(Fd) != 0) throw EInOutError(std::string("flush: ") + std::strerror(errno));
 }
 
 }  // namespace docadmin

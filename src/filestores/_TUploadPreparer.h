@@ -11,7 +11,8 @@
 //
 // Where the file system allows, a container is an unnamed file (O_TMPFILE) until the store links
 // it into the folder: making it then takes no lock of the folder that the saving thread's renames
-// wait for, and a process that dies leaves nothing behind. Elsewhere it is a hidden named file.
+// wait for, and a process that dies leaves nothing behind. Elsewhere it is a locked temporary of
+// the folder (see TTempFile), which the next start of a store removes if its process died.
 //
 // Thread-safe: the worker and the caller share the entries under one mutex. Stop (also called by
 // the destructor) waits for the worker and drops every container that was not taken.
@@ -21,10 +22,13 @@
 
 #include <condition_variable>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "_StoreFiles.h"
 
 namespace docadmin {
 
@@ -41,7 +45,7 @@ class TUploadPreparer {
     // A container handed to the caller: an open unnamed file (Fd >= 0) or a named temporary.
     struct TPrepared {
         int Fd = -1;
-        std::string Temp;
+        std::unique_ptr<TTempFile> Named;
         std::vector<double> Progress;  // what its compression reported
         TPrepared() = default;
         TPrepared(const TPrepared&) = delete;
@@ -49,6 +53,8 @@ class TUploadPreparer {
         ~TPrepared();
         // Gives the container the name APath, which must not exist yet. Raises EInOutError.
         void LinkAs(const std::string& APath);
+        // Puts the container in place of APath, replacing what stands there. Raises EInOutError.
+        void CommitAs(const std::string& APath);
         // Flushes the content to the disk. Raises EInOutError.
         void Flush();
     };
@@ -58,16 +64,12 @@ class TUploadPreparer {
     // Waits for the worker and removes the temporaries that were not taken.
     void Stop();
 
-    // Temporaries of an earlier process that are older than AMaxAgeSeconds are removed from
-    // AFolder; younger ones may belong to an upload in progress and stay.
-    static void RemoveStaleTemporaries(const std::string& AFolder, double AMaxAgeSeconds);
-
   private:
     enum class EState { Queued, Running, Done, Failed, Taken };
     struct TEntry {
         std::string Source;
-        std::string Temp;  // named fallback
-        int Fd = -1;       // unnamed container
+        std::unique_ptr<TTempFile> Named;  // named fallback
+        int Fd = -1;                       // unnamed container
         EState State = EState::Queued;
         std::vector<double> Progress;
         struct stat Stat {};

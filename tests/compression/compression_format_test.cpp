@@ -177,8 +177,28 @@ TEST(ECLFormatTest, LevelsWithoutCompressorFail) {
         s.Read(buf, 5);
         ADD_FAILURE() << "read an unavailable level";
     } catch (const Exception& e) {
-        EXPECT_EQ(e.Message(), "TECLStream.LoadBlock - decompression error.");
+        EXPECT_EQ(e.Message(),
+                  "TECLStream.LoadBlock - decompression error. Block 1 of 1 is damaged.");
     }
+}
+
+// Chain pointers are 32-bit: a container that would need a larger offset is refused, whether it
+// is loaded block by block, on worker threads or written at once.
+TEST(ECLFormatTest, OffsetsBeyondTheFormatsLimitAreRefused) {
+    const std::uint64_t saved = TECLStream::MaxFileOffset;
+    TFinally restore{[saved] { TECLStream::MaxFileOffset = saved; }};
+    TECLStream::MaxFileOffset = 600000;
+    const Bytes data = RandomData(700000);  // incompressible: two blocks, the second too far
+    for (unsigned threads : {1u, 4u}) {
+        TMemoryStream src, mem;
+        src.WriteBuffer(data.data(), static_cast<std::int64_t>(data.size()));
+        TECLStream s(&mem, true, "", zlibFastest, 0);
+        s.SetThreads(threads);
+        EXPECT_THROW(s.LoadFromStream(src), EECLSizeLimit) << threads;
+    }
+    TMemoryStream mem;
+    TECLStream s(&mem, true, "", zlibFastest, 0);
+    EXPECT_THROW(s.WriteBuffer(data.data(), static_cast<std::int64_t>(data.size())), EECLSizeLimit);
 }
 
 TEST(ECLFormatTest, ParallelLoadWritesTheSequentialBytes) {

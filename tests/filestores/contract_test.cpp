@@ -168,6 +168,11 @@ TEST_F(CompressStepTest, LegacyFilesOfBothWrappersAreInflatedWithoutEvents) {
         store.CompressFile(Path("legacy"), Path("out"), cmUnCompress);
         EXPECT_EQ(ReadAll(Path("out")), content);
     }
+    // Members of a gzip file one after the other are one file, also for the container verb.
+    WriteAll(Path("legacy"),
+             DeflateWith("first ", Wrapper::gzip) + DeflateWith(content, Wrapper::gzip));
+    UnpackStoredFile(Path("legacy"), Path("out"), nullptr);
+    EXPECT_EQ(ReadAll(Path("out")), "first " + content);
     EXPECT_TRUE(events.empty());
     EXPECT_TRUE(steps.empty());
 }
@@ -184,6 +189,20 @@ TEST_F(CompressStepTest, DamagedLegacyFileRaises) {
     legacy.resize(legacy.size() * 3 / 4);  // cut: recognised, then fails while inflating
     WriteAll(Path("legacy"), legacy);
     EXPECT_THROW(InflateLegacyFile(Path("legacy"), Path("out")), EReadError);
+}
+
+// The same file as input and output, by name or through a hard link, is refused both ways
+// before anything is written.
+TEST_F(CompressStepTest, SameFileAsInputAndOutputIsRefused) {
+    const std::string content = TextBytes(10'000);
+    WriteAll(Path("f"), content);
+    fs::create_hard_link(Path("f"), Path("link"));
+    for (const char* out : {"f", "link"}) {
+        for (TCompressMode m : {cmCompress, cmUnCompress})
+            EXPECT_THROW(store.CompressFile(Path("f"), Path(out), m), EKRUserMessageException);
+        EXPECT_THROW(UnpackStoredFile(Path("f"), Path(out), nullptr), EKRUserMessageException);
+    }
+    EXPECT_EQ(ReadAll(Path("f")), content);
 }
 
 TEST_F(CompressStepTest, MissingSourceRaisesFromFileOpening) {

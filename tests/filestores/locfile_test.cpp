@@ -3,6 +3,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "legacy_files.h"
 #include "store_envs.h"
 
 namespace docadmin::test {
@@ -187,7 +193,8 @@ TEST_F(LocalStoreTest, PlainUploadOfAMissingLocalFileRaisesTheUserMessage) {
         s->UploadFile(missing, "", upmNew);
         FAIL() << "no exception";
     } catch (const EKRUserMessageException& e) {
-        EXPECT_EQ(e.Message(), "Local file " + missing + " not found. Can't save to repository!");
+        EXPECT_THAT(e.Message(), StartsWith("Local file " + missing +
+                                            " not found. Can't save to repository! (No such file"));
     }
     EXPECT_FALSE(ended);
     EXPECT_THAT(ListNames(dir / "repo"), IsEmpty()) << "no temporary file is left";
@@ -201,14 +208,14 @@ class CrashingStore : public TDocFileLoaderLocFile {
     bool crash = false;
 
   protected:
-    void CommitUpload(const std::string& TempFile, const std::string& Target) override {
+    void CommitUpload(TTempFile& Temp, const std::string& Target) override {
         if (crash) {
             // The content stands complete beside the target, under another name.
-            EXPECT_EQ(fs::path(TempFile).parent_path(), fs::path(Target).parent_path());
-            EXPECT_TRUE(fs::exists(TempFile));
+            EXPECT_EQ(fs::path(Temp.Path()).parent_path(), fs::path(Target).parent_path());
+            EXPECT_TRUE(fs::exists(Temp.Path()));
             throw EInOutError("power failure");
         }
-        TDocFileLoaderLocFile::CommitUpload(TempFile, Target);
+        TDocFileLoaderLocFile::CommitUpload(Temp, Target);
     }
 };
 
@@ -275,6 +282,134 @@ TEST_F(LocalStoreTest, ManyUploadsFromTwoStoresLeaveOnlyTheRemoteNames) {
     std::vector<std::string> sorted = names;
     std::sort(sorted.begin(), sorted.end());
     EXPECT_EQ(ListNames(dir / "repo"), sorted) << "no temporary file is left behind";
+}
+
+// With compression off, a file that a reader would take for a container or a legacy compressed
+// file still goes into a container, so that it comes back byte for byte.
+TEST_F(LocalStoreTest, NoCompressionStillPacksFilesThatWouldBeMisread) {
+    host->dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
+    host->user.bools[{"DocAdmin", "NoCompression"}] = true;
+    auto s = Make();
+    const std::string text = TextBytes(100'000);
+    for (const std::string& content :
+         {DeflateWith(text, Wrapper::gzip), DeflateWith(text, Wrapper::zlib),
+          DeflateWith("a", Wrapper::gzip) + DeflateWith(text, Wrapper::gzip),
+          "AACS" + RandomBytes(500)}) {
+        const std::string name = s->UploadFile(LocalFile("f", content), "", upmNew);
+        EXPECT_EQ(ReadAll(dir / "repo" / name).substr(0, 4), "AACS");
+        EXPECT_EQ(Fetch(*s, name), content);
+    }
+}
+
+// A file whose container would pass the format's offsets is stored as it is, unless it would
+// then read back as something else: that is refused and leaves nothing behind.
+TEST_F(LocalStoreTest, FilesTooLargeForAContainerAreStoredPlainOrRefused) {
+    const std::uint64_t saved = TECLStream::MaxFileOffset;
+    TFinally restore{[saved] { TECLStream::MaxFileOffset = saved; }};
+    TECLStream::MaxFileOffset = 4000;
+    host->dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
+    for (bool noCompression : {false, true}) {
+        host->user.bools[{"DocAdmin", "NoCompression"}] = noCompression;
+        auto s = Make();
+        const std::string random = RandomBytes(10'000);
+        const std::string plain = s->UploadFile(LocalFile("r", random), "", upmNew);
+        EXPECT_EQ(ReadAll(dir / "repo" / plain), random);
+        EXPECT_EQ(Fetch(*s, plain), random);
+        if (!noCompression) {
+            const std::string text = TextBytes(10'000);
+            const std::string packed = s->UploadFile(LocalFile("t", text), "", upmNew);
+            EXPECT_EQ(ReadAll(dir / "repo" / packed).substr(0, 4), "AACS") << "still fits";
+            s->RemoveFile(packed, "");
+        }
+        for (const std::string& misread :
+             {"AACS" + random, DeflateWith(RandomBytes(10'000), Wrapper::gzip)}) {
+            try {
+                s->UploadFile(LocalFile("m", misread), plain, upmChange);
+                FAIL() << "stored a file that would read back as another";
+            } catch (const EKRUserMessageException& e) {
+                EXPECT_THAT(e.Message(), HasSubstr("too large for a container"));
+            }
+        }
+        EXPECT_THAT(ListNames(dir / "repo"), ElementsAre(plain));
+        EXPECT_EQ(ReadAll(dir / "repo" / plain), random);
+        s->RemoveFile(plain, "");
+    }
+}
+
+// A write that the system refuses says which file and why, also in the bare stream texts; the
+// destination of a failed download keeps its content.
+TEST_F(LocalStoreTest, WriteFailuresNameTheFileAndTheReason) {
+    host->dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
+    auto s = Make();
+    const std::string content = RandomBytes(300'000);
+    const std::string local = LocalFile("big", content);
+    const std::string name = s->UploadFile(local, "", upmNew);
+    const std::string dest = LocalFile("dest", "old");
+    struct rlimit saved {};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &saved), 0);
+    auto* oldHandler = ::signal(SIGXFSZ, SIG_IGN);
+    struct rlimit small = saved;
+    small.rlim_cur = 100'000;  // writes beyond this fail with EFBIG
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
+    std::vector<std::string> messages;
+    for (bool compress : {true, false}) {
+        s->SetUseCompression(compress);
+        try {
+            s->UploadFile(local, name, upmChange);
+        } catch (const Exception& e) {
+            messages.push_back(e.Message());
+        }
+    }
+    try {
+        s->DownloadFile(name, dest);
+    } catch (const Exception& e) {
+        messages.push_back(e.Message());
+    }
+    ::setrlimit(RLIMIT_FSIZE, &saved);
+    ::signal(SIGXFSZ, oldHandler);
+    ASSERT_EQ(messages.size(), 3u);
+    const std::string target = (dir / "repo" / name).string();
+    EXPECT_THAT(messages[0], StartsWith("Stream write error: File too large (while storing"));
+    EXPECT_THAT(messages[1], HasSubstr("File too large (while storing"));
+    for (std::size_t i = 0; i < 2; ++i)
+        EXPECT_THAT(messages[i], HasSubstr("as \"" + target + "\")"));
+    EXPECT_EQ(messages[2], "Stream write error: File too large (while reading \"" + target +
+                               "\" into \"" + dest + "\")");
+    EXPECT_EQ(ReadAll(dest), "old");
+    EXPECT_EQ(Fetch(*s, name), content);
+    EXPECT_THAT(ListNames(dir / "repo"), ElementsAre(name));
+}
+
+// A temporary whose process died is removed when a store next starts on the folder; one that a
+// live process holds stays.
+TEST_F(LocalStoreTest, TemporariesOfDeadProcessesGoAtTheNextStart) {
+    fs::create_directories(dir / "repo");
+    host->dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        // An upload in progress, killed before it ends.
+        TTempFile temp((dir / "repo").string(), "0123456789ABCDEF0123456789ABCDEF");
+        (void)!::write(temp.Handle(), "partial", 7);
+        (void)!::write(ready[1], "x", 1);
+        ::pause();
+        ::_exit(0);
+    }
+    char c = 0;
+    ASSERT_EQ(::read(ready[0], &c, 1), 1);
+    ::close(ready[0]);
+    ::close(ready[1]);
+    TTempFile live((dir / "repo").string(), "LIVE");
+    (void)!::write(live.Handle(), "live", 4);
+    EXPECT_EQ(ListNames(dir / "repo").size(), 2u);
+    Make();
+    EXPECT_EQ(ListNames(dir / "repo").size(), 2u) << "the child still holds its lock";
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+    Make();
+    EXPECT_THAT(ListNames(dir / "repo"), ElementsAre(fs::path(live.Path()).filename().string()));
 }
 
 }  // namespace

@@ -155,23 +155,5 @@ TEST_F(PreparedUploadTest, UploadsOutsideTheHintAndChangesOfANameStillWork) {
     EXPECT_EQ(ListNames(dir / "repo").size(), 3u);
 }
 
-TEST_F(PreparedUploadTest, StalePreparedTemporariesAreRemovedWhenABatchStarts) {
-    fs::create_directories(dir / "repo");
-    const fs::path stale = dir / "repo" / ".~prepared.OLD1.tmp";
-    const fs::path fresh = dir / "repo" / ".~prepared.NEW1.tmp";
-    const fs::path upload = dir / "repo" / ".~0123.ABC.tmp";  // an ordinary upload's, kept
-    WriteAll(stale, "old");
-    WriteAll(fresh, "new");
-    WriteAll(upload, "half");
-    const auto old = fs::file_time_type::clock::now() - std::chrono::hours(2);
-    fs::last_write_time(stale, old);
-    fs::last_write_time(upload, old);
-    auto s = Make();
-    EXPECT_TRUE(fs::exists(stale)) << "only a batch looks for them";
-    s->PrepareUploads(LocalFiles(2, 10));
-    s->EndPreparedUploads();
-    EXPECT_THAT(Temporaries(), ElementsAre(".~0123.ABC.tmp", ".~prepared.NEW1.tmp"));
-}
-
 }  // namespace
 }  // namespace docadmin::test

@@ -27,6 +27,8 @@ class StoreEnv {
     virtual std::string MissingRemoveText(const std::string& remote) = 0;
     // A scratch folder for local files, outside the repository.
     virtual fs::path Local() = 0;
+    // Where the repository keeps a remote name.
+    virtual fs::path RawPath(const std::string& remote) = 0;
 };
 
 // A local store in a scratch folder, created through the fake host.
@@ -56,6 +58,7 @@ class LocalStoreEnv : public StoreEnv {
         return MissingDownloadText(remote);
     }
     fs::path Local() override { return dir_ / "local"; }
+    fs::path RawPath(const std::string& remote) override { return dir_ / "repo" / remote; }
 
   private:
     ScratchDir dir_;

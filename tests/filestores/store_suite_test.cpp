@@ -114,16 +114,68 @@ TYPED_TEST(StoreSuite, MissingFileRaisesBeforeAnyEvent) {
     EXPECT_FALSE(fs::exists(dest));
 }
 
-TYPED_TEST(StoreSuite, RemovingAMissingFileRaisesAfterTransferStart) {
+// Removal succeeds when the file is gone afterwards, and only then.
+TYPED_TEST(StoreSuite, RemovalFailsOnlyWhenTheFileStays) {
+    EXPECT_NO_THROW(this->env.Store().RemoveFile("MISSING", "the description"));
+    EXPECT_THAT(this->events, ElementsAre("start delete the description", "end 0"));
+    // A name the store can't delete: a folder with content stands there.
+    const fs::path stuck = this->env.RawPath("STUCK");
+    fs::create_directories(stuck / "inside");
     try {
-        this->env.Store().RemoveFile("MISSING", "the description");
+        this->env.Store().RemoveFile("STUCK", "stuck");
         FAIL() << "no exception";
-    } catch (const EFileNotFoundInRepositoryException&) {
-        FAIL() << "a removal reports a missing file as a plain user message";
     } catch (const EKRUserMessageException& e) {
-        EXPECT_EQ(e.Message(), this->env.MissingRemoveText("MISSING"));
+        EXPECT_EQ(e.Message(), "File " + stuck.string() +
+                                   " can't be removed from the repository: Is a directory");
     }
-    EXPECT_THAT(this->events, ElementsAre("start delete the description"));
+    EXPECT_TRUE(fs::exists(stuck / "inside"));
+}
+
+// A download fails, leaving an existing destination as it was and no temporary beside it, when
+// the container is cut (also exactly at a block boundary) or the content has another size than
+// expected; the message names the stored file and the damage.
+TYPED_TEST(StoreSuite, DamagedOrMissizedContentNeverReachesTheDestination) {
+    auto& store = this->env.Store();
+    const std::string content = TextBytes(1'000'000) + RandomBytes(2'000'000);
+    const std::string name = store.UploadFile(this->LocalFile("big", content), "", upmNew);
+    const std::string raw = this->env.GetRaw(name);
+    ASSERT_EQ(raw.substr(0, 4), "AACS");
+    const std::uint32_t firstPacked =
+        static_cast<std::uint8_t>(raw[128]) | static_cast<std::uint8_t>(raw[129]) << 8 |
+        static_cast<std::uint8_t>(raw[130]) << 16 | static_cast<std::uint8_t>(raw[131]) << 24;
+    this->env.PutRaw("CUT", raw.substr(0, 128 + 16 + firstPacked));  // block 2 of 2 is gone
+    const std::string dest = this->LocalFile("dest", "old content");
+    const auto localBefore = ListNames(this->env.Local());
+    try {
+        store.DownloadFile("CUT", dest);
+        FAIL() << "a cut container was read as complete";
+    } catch (const Exception& e) {
+        EXPECT_EQ(e.Message(),
+                  "TECLStream.LoadBlock - decompression error. The header announces 2 blocks, but "
+                  "the file ends after block 1 (" +
+                      std::to_string(128 + 16 + firstPacked) + " bytes). (while reading \"" +
+                      this->env.RawPath("CUT").string() + "\" into \"" + dest + "\")");
+    }
+    for (std::int64_t wrong : {std::int64_t{0}, static_cast<std::int64_t>(content.size()) + 1})
+        EXPECT_THROW(store.DownloadFileOfSize(name, dest, wrong), EReadError);
+    EXPECT_EQ(ReadAll(dest), "old content");
+    EXPECT_EQ(ListNames(this->env.Local()), localBefore);
+    EXPECT_EQ(this->env.GetRaw("CUT").size(), 128 + 16 + firstPacked) << "a read repairs nothing";
+
+    store.DownloadFileOfSize(name, dest, static_cast<std::int64_t>(content.size()));
+    EXPECT_EQ(ReadAll(dest), content);
+}
+
+// A download onto the stored file itself, by its path or through a hard link, is refused.
+TYPED_TEST(StoreSuite, DownloadOntoTheStoredFileIsRefused) {
+    auto& store = this->env.Store();
+    const std::string name = store.UploadFile(this->LocalFile("f", TextBytes(5000)), "", upmNew);
+    const std::string raw = this->env.GetRaw(name);
+    const fs::path link = this->env.Local() / "link";
+    fs::create_hard_link(this->env.RawPath(name), link);
+    for (const fs::path& dest : {this->env.RawPath(name), link})
+        EXPECT_THROW(store.DownloadFile(name, dest.string()), EKRUserMessageException) << dest;
+    EXPECT_EQ(this->env.GetRaw(name), raw);
 }
 
 TYPED_TEST(StoreSuite, NonBlockedDownloadReportsAMissingFileThroughTheCallBack) {
@@ -149,8 +201,10 @@ TYPED_TEST(StoreSuite, RefusedRemoteNamesLeaveEverythingUntouched) {
     const auto before = this->env.ListRaw();
     this->events.clear();
 
-    for (const std::string& bad : {std::string(), std::string("."), std::string(".."), escape,
-                                   std::string("a\\b"), keep + std::string("\0x", 2)}) {
+    // Names of the store's own temporaries too: a clean-up would delete such a file.
+    for (const std::string& bad :
+         {std::string(), std::string("."), std::string(".."), escape, std::string("a\\b"),
+          keep + std::string("\0x", 2), std::string(".~prepared.keep.tmp"), ".~" + keep}) {
         const std::string dest = (this->env.Local() / "dest").string();
         EXPECT_THROW(store.UploadFile(this->LocalFile("new", "new"), bad, upmChange),
                      EKRUserMessageException);
