@@ -86,6 +86,10 @@ class TDocAdminConfig {
     bool CanCreateContainer() const { return FCanCreateContainer; }
 
     const TLocalSettings& LocalSettings() const { return FLocalSettings; }
+    // The keys of the [server] table as text; the server checks names and values.
+    const std::map<std::string, TLocalSettingValue>& ServerSettings() const {
+        return FServerSettings;
+    }
 
   private:
     TDocAdminConfig() = default;
@@ -98,6 +102,7 @@ class TDocAdminConfig {
     std::string FSeedDocRoot;
     bool FCanCreateContainer = true;
     TLocalSettings FLocalSettings;
+    std::map<std::string, TLocalSettingValue> FServerSettings;
 };
 
 // Writes local settings into the configuration file AFileName: the file's other content is kept
