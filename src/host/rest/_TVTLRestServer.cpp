@@ -259,7 +259,7 @@ bool TVTLRestServer::IsKnownRoute(const std::string& APath) const {
 }
 
 void TVTLRestServer::Handle(THTTPRequest&& ARequest, THTTPResponder ARespond) {
-    const std::string& path = ARequest.Path;
+    const std::string path = ARequest.Path;
     if (path == "/health") {
         if (ARequest.Method != "GET") return ARespond(ErrorResponse(405, "Method not allowed"));
         return ARespond(JsonResponse(200, {{"status", "ok"}}));
