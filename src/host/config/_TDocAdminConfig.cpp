@@ -43,10 +43,15 @@ std::string ResolvePath(const std::string& APath, const fs::path& ABase) {
 }
 
 const std::set<std::string>& TopLevelKeys() {
-    static const std::set<std::string> keys{
-        "data_dir",     "selected_database",    "offline_database",
-        "seed_docroot", "can_create_container", "databases",
-        "local",        "min_password_length"};
+    static const std::set<std::string> keys{"data_dir",
+                                            "selected_database",
+                                            "offline_database",
+                                            "seed_docroot",
+                                            "can_create_container",
+                                            "databases",
+                                            "local",
+                                            "min_password_length",
+                                            "server"};
     return keys;
 }
 
@@ -250,6 +255,14 @@ TDocAdminConfig TDocAdminConfig::FromString(const std::string& AText,
                 const std::string key(sk.str());
                 dest[key] = r.Scalar(sv, "local." + section + "." + key);
             }
+        }
+    }
+    if (const toml::node* n = doc.get("server")) {
+        const toml::table* t = n->as_table();
+        if (!t) r.Fail("server must be a table");
+        for (auto&& [k, v] : *t) {
+            const std::string key(k.str());
+            c.FServerSettings[key] = r.Scalar(v, "server." + key);
         }
     }
     return c;

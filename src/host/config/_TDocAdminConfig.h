@@ -91,6 +91,10 @@ class TDocAdminConfig {
     int MinPasswordLength() const { return FMinPasswordLength; }
 
     const TLocalSettings& LocalSettings() const { return FLocalSettings; }
+    // The keys of the [server] table as text; the server checks names and values.
+    const std::map<std::string, TLocalSettingValue>& ServerSettings() const {
+        return FServerSettings;
+    }
 
   private:
     TDocAdminConfig() = default;
@@ -104,6 +108,7 @@ class TDocAdminConfig {
     bool FCanCreateContainer = true;
     int FMinPasswordLength = DefaultMinPasswordLength;
     TLocalSettings FLocalSettings;
+    std::map<std::string, TLocalSettingValue> FServerSettings;
 };
 
 // Writes local settings into the configuration file AFileName: the file's other content is kept

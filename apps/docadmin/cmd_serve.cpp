@@ -1,0 +1,116 @@
+// docadmin serve: the host as the multi-user server (run mode 3) with its REST interface.
+//
+// Listens until SIGTERM or SIGINT, then stops gracefully: no new connections, requests in flight
+// finish within the configured deadline, every session ends (its cache and temporary files go),
+// and the program exits 0.
+#include <signal.h>
+
+#include <iostream>
+
+#include "_TVTLBIAPIClient.h"
+#include "_TVTLRestServer.h"
+#include "_Tools.h"
+#include "commands.h"
+#include "host_options.h"
+
+namespace docadmin::app {
+namespace {
+
+struct TServeOptions {
+    HostOptions Host;
+    std::string Listen;
+    std::string TLSCert;
+    std::string TLSKey;
+    std::string AccessLog;
+    bool AccessLogGiven = false;
+};
+
+// The host's own small API under "host": a ping that answers who is calling, the cheapest
+// authenticated call there is (health checks of clients, benchmarks).
+class THostInfoService : public TVTLCustomRestService {
+  public:
+    void Ping(const std::string& AText, std::string& AEcho, std::string& AUser) {
+        CheckAndSimulateMethodeError();
+        AEcho = AText;
+        AUser = CurrentSession() ? CurrentSession()->GetUserName() : std::string();
+    }
+};
+
+const TAPIInterfaceType& HostInfoInterface() {
+    static const TAPIInterfaceType intf{"IHostInfo",
+                                        TGUID::Parse("{8B1D5E2A-7C44-4F0B-A3E9-61D2C5F08A17}"),
+                                        {{"Ping",
+                                          {{"Text", TAPIParamKind::pkString, false},
+                                           {"Echo", TAPIParamKind::pkString, true},
+                                           {"User", TAPIParamKind::pkString, true}},
+                                          [](TVTLCustomRestService& s, TAPICallArgs& a) {
+                                              static_cast<THostInfoService&>(s).Ping(
+                                                  a.Str("Text"), a.OutStr("Echo"),
+                                                  a.OutStr("User"));
+                                          }}}};
+    return intf;
+}
+
+void RunServe(const TServeOptions& o) {
+    auto host = OpenHost(o.Host, rmServer);
+    TRestServerOptions options = RestServerOptionsFromConfig(host->Config());
+    if (!o.Listen.empty()) {
+        const std::size_t colon = o.Listen.rfind(':');
+        std::int64_t port = -1;
+        if (colon == std::string::npos || !TryStrToInt64(o.Listen.substr(colon + 1), port) ||
+            port < 0 || port > 65535)
+            throw Exception("--listen must read ADDRESS:PORT");
+        options.HTTP.Address = o.Listen.substr(0, colon);
+        options.HTTP.Port = static_cast<std::uint16_t>(port);
+    }
+    if (!o.TLSCert.empty() || !o.TLSKey.empty()) {
+        if (o.TLSCert.empty() || o.TLSKey.empty())
+            throw Exception("--tls-cert and --tls-key go together");
+        options.HTTP.TLSCertFile = o.TLSCert;
+        options.HTTP.TLSKeyFile = o.TLSKey;
+    }
+    if (o.AccessLogGiven) options.HTTP.AccessLog = o.AccessLog;
+
+    TVTLBIAPIClient hostAPI(nullptr);
+    hostAPI.AddItem("Host", "{0F3C6A8E-2B51-4D7A-9E14-7A5B3C2D1E90}", "host");
+    hostAPI.OnGetAPIService = [](TVTLBIAPIClient*, const TVTLBIAPIItem& item,
+                                 TRestServiceClass& cls, TInterfaceTypeList& intfs) {
+        intfs.clear();
+        if (item.Index != 0) return;
+        cls = [] { return std::make_unique<THostInfoService>(); };
+        intfs.push_back(&HostInfoInterface());
+    };
+
+    // The signals are taken by sigwait below; every thread started from here inherits the mask.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+    TVTLRestServer server(*host, options);
+    server.Start();
+    std::cerr << "docadmin serve: listening on "
+              << (server.HTTP().Secure() ? "https://" : "http://") << options.HTTP.Address << ":"
+              << server.Port() << std::endl;
+    int sig = 0;
+    sigwait(&signals, &sig);
+    std::cerr << "docadmin serve: stopping" << std::endl;
+    server.Shutdown();
+    std::cerr << "docadmin serve: stopped" << std::endl;
+}
+
+CommandRegistrar reg([](CLI::App& app) {
+    static TServeOptions o;
+    auto* cmd = app.add_subcommand("serve", "run the multi-user server with its REST interface");
+    AddHostOptions(cmd, o.Host);
+    cmd->add_option("--listen", o.Listen, "ADDRESS:PORT to listen on (default from [server])");
+    cmd->add_option("--tls-cert", o.TLSCert, "PEM certificate chain; with --tls-key serves HTTPS");
+    cmd->add_option("--tls-key", o.TLSKey, "PEM private key");
+    cmd->add_option("--access-log", o.AccessLog, "access log: - for standard output, \"\" none")
+        ->each([](const std::string&) { o.AccessLogGiven = true; });
+    cmd->callback([] { RunServe(o); });
+});
+
+}  // namespace
+}  // namespace docadmin::app
