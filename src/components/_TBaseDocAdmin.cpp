@@ -312,7 +312,10 @@ void TBaseDocAdmin::DownloadFile(TDocument* ADocument, const std::string& LocalD
                                                static_cast<IDocAdminDownloderCallBack*>(ADocument));
         return;
     }
-    DownloadRemoteFile(ADocument->RemoteFileName(), LocalDestFile, ADocument->CreaDate());
+    // A loaded size names the stored content unless a replacement waits for the next save.
+    const std::int64_t expected =
+        ADocument->FileHasChanged() || ADocument->Size() <= 0 ? -1 : ADocument->Size();
+    DownloadRemoteFile(ADocument->RemoteFileName(), LocalDestFile, ADocument->CreaDate(), expected);
 }
 
 void TBaseDocAdmin::DownloadFile(std::int32_t ADocumentID, const std::string& LocalDestFile,
@@ -325,14 +328,15 @@ void TBaseDocAdmin::DownloadFile(std::int32_t ADocumentID, const std::string& Lo
         throw EDocAdminFileNotFoundInRepository("File with ID '" + std::to_string(ADocumentID) +
                                                 "' not found in repository!");
     }
-    DownloadRemoteFile(remote, LocalDestFile, date);
+    DownloadRemoteFile(remote, LocalDestFile, date, GetDocumentFileSize(ADocumentID));
 }
 
 void TBaseDocAdmin::DownloadRemoteFile(const std::string& RemoteFile,
-                                       const std::string& LocalDestFile, TDateTime AFileCreaDate) {
+                                       const std::string& LocalDestFile, TDateTime AFileCreaDate,
+                                       std::int64_t AExpectedSize) {
     Assert(FDocFileLoader != nullptr, "TBaseDocAdmin.DownloadRemoteFile: no file store");
     if (OnDownloadDocument) OnDownloadDocument(this, LocalDestFile);
-    FDocFileLoader->DownloadFile(RemoteFile, LocalDestFile);
+    FDocFileLoader->DownloadFileOfSize(RemoteFile, LocalDestFile, AExpectedSize);
     if (AFileCreaDate > MinDateTime)
         SetFileDateTime(LocalDestFile, AFileCreaDate, AFileCreaDate, AFileCreaDate);
     if (OnDownloadDocumentDone) OnDownloadDocumentDone(this);

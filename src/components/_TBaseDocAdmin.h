@@ -102,6 +102,8 @@ class TBaseDocAdmin : public TComponent, public IPluginContextObject {
     virtual void UpdateDocumentFileInfo(std::int32_t ADocumentID, const std::string& AFileName,
                                         bool AChangeFileName, TDateTime ADate) {}
     virtual void DeleteDocumentRow(std::int32_t ADocumentID) {}
+    // The size a stored document's row gives its content; -1 when unknown or not recorded.
+    virtual std::int64_t GetDocumentFileSize(std::int32_t ADocumentID) { return -1; }
     // Deletes the row only while it still names ARemoteFile; answers the rows deleted.
     virtual std::int64_t DeleteDocumentRowOf(std::int32_t ADocumentID,
                                              const std::string& ARemoteFile) {
@@ -141,8 +143,10 @@ class TBaseDocAdmin : public TComponent, public IPluginContextObject {
                       IRessourceActionCallBack* ACallBack);
     void DownloadFile(std::int32_t ADocumentID, const std::string& LocalDestFile,
                       std::string& FileName);
+    // With AExpectedSize at 0 or above, content of another size fails the download and leaves
+    // LocalDestFile untouched: a row's size guards against a stored file that lost its end.
     void DownloadRemoteFile(const std::string& RemoteFile, const std::string& LocalDestFile,
-                            TDateTime AFileCreaDate);
+                            TDateTime AFileCreaDate, std::int64_t AExpectedSize = -1);
     void DeleteDocument(TDocument* ADocument);
     void DeleteDocument(std::int32_t ADocumentID);
     void DeleteDirectory(TDocDirectory* ADirectory);

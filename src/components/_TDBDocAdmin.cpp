@@ -689,6 +689,19 @@ void TDBDocAdmin::DeleteDocumentRow(std::int32_t ADocumentID) {
     st->Execute();
 }
 
+std::int64_t TDBDocAdmin::GetDocumentFileSize(std::int32_t ADocumentID) {
+    TKRRecordSet rs(nullptr, Database());
+    rs.SetSchemaName(FDocSection);
+    rs.SetSelectAll(false);
+    rs.GetSelectFields()->Add("flsize");
+    rs.SetDBATransactionID(FDBATransactionID);
+    AddFilter(rs.GetFilters(), "id", Int(ADocumentID));
+    rs.Open();
+    if (rs.GetRecordCount() == 0) return -1;
+    const std::int64_t size = rs.ValueByName(0, "flsize").GetAsInteger();
+    return size > 0 ? size : -1;
+}
+
 std::int64_t TDBDocAdmin::DeleteDocumentRowOf(std::int32_t ADocumentID,
                                               const std::string& ARemoteFile) {
     IDBInterface* db = Database();

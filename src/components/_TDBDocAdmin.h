@@ -110,6 +110,8 @@ class TDBDocAdmin : public TBaseDocAdmin {
     void UpdateDocumentFileInfo(std::int32_t ADocumentID, const std::string& AFileName,
                                 bool AChangeFileName, TDateTime ADate) override;
     void DeleteDocumentRow(std::int32_t ADocumentID) override;
+    // flsize of the row; -1 without a row or with no size recorded (0).
+    std::int64_t GetDocumentFileSize(std::int32_t ADocumentID) override;
     // Documents of every directory in ADirs that is neither loaded nor new, in one query.
     void LoadFilesForDirectory(const std::vector<TDocDirectory*>& ADirs) override;
     // Replaces the file of a row without a tree: uploads to a new remote name, then in one

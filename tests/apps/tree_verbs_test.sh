@@ -133,8 +133,11 @@ printf 'third\n' >third.txt
 expect 0 "$bin" replace "$id" third.txt --no-archive
 expect 0 "$bin" versions "$id" --json
 [[ $(jq '.archived | length' <<<"$out") == 1 ]] || fail "--no-archive added a version: $out"
-[[ $(jq -r '.current.remote' <<<"$out") == $(jq -r '.current.remote' <<<"$v") ]] ||
-    fail "--no-archive changed the remote name"
+# The new content goes to a new file; the replaced one is removed after the row.
+prev_remote=$(jq -r '.current.remote' <<<"$v")
+[[ $(jq -r '.current.remote' <<<"$out") != "$prev_remote" ]] ||
+    fail "--no-archive overwrote the stored file in place"
+expect 1 "$bin" store get "$prev_remote" gone
 expect 0 "$bin" versions "$id"
 grep -q '^1 archived version(s)$' <<<"$out" || fail "text versions: $out"
 expect 1 "$bin" replace "$id" missing.txt

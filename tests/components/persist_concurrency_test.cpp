@@ -215,6 +215,18 @@ TEST_P(ConcurrencyTest, BatchedSaveCommitsEachBatchAndRollsBackOnlyTheFailedOne)
     ExpectStoreMatchesRows(*this);
 }
 
+TEST_P(ConcurrencyTest, AStoredFileShorterThanItsRowFailsTheDownloadAndKeepsTheDestination) {
+    auto admin = NewAdmin();
+    const std::int32_t id = StoreOne(*this, *admin);
+    const std::string remote = LoadedDocument(*admin)->RemoteFileName();
+    fs::resize_file(StoreDir() + "/" + remote, 1);
+    const std::string dest = LocalFile("dest.txt", "keep me");
+    std::string name;
+    EXPECT_ANY_THROW(admin->DownloadFile(id, dest, name));
+    EXPECT_ANY_THROW(admin->DownloadFile(LoadedDocument(*admin), dest, false, nullptr));
+    EXPECT_EQ(ReadFile(dest), "keep me");
+}
+
 DB_INSTANTIATE(ConcurrencyTest);
 
 }  // namespace

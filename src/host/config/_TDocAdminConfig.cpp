@@ -43,15 +43,10 @@ std::string ResolvePath(const std::string& APath, const fs::path& ABase) {
 }
 
 const std::set<std::string>& TopLevelKeys() {
-    static const std::set<std::string> keys{"data_dir",
-                                            "selected_database",
-                                            "offline_database",
-                                            "seed_docroot",
-                                            "can_create_container",
-                                            "databases",
-                                            "local",
-                                            "min_password_length",
-                                            "server"};
+    static const std::set<std::string> keys{
+        "data_dir",     "selected_database",    "offline_database",
+        "seed_docroot", "can_create_container", "databases",
+        "local",        "min_password_length",  "server"};
     return keys;
 }
 
