@@ -152,6 +152,7 @@ void RunImport(const ImportOptions& o) {
 
     TTreeSession session(o.Tree);
     TDBDocAdmin& admin = session.Admin();
+    session.ResolveRootForWriting();
     admin.SetImportFollowLinks(o.FollowLinks);
     std::size_t skipped = 0;
     admin.OnImportSkipped = [&](TObject*, const std::string& APath, const std::string& AReason) {
@@ -403,6 +404,7 @@ void RunMkdir(const MkdirOptions& o) {
     if (o.Path.empty()) throw Exception("mkdir: no folder given");
     TTreeSession session(o.Tree);
     TDBDocAdmin& admin = session.Admin();
+    session.ResolveRootForWriting();
     session.BeginTransaction();
     TDocDirectory* dir = nullptr;
     try {

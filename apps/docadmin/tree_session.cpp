@@ -64,6 +64,23 @@ std::uint64_t TTreeSession::StatementCount() const {
     return DBStatementCount() - FStatementsAtOpen;
 }
 
+void TTreeSession::ResolveRootForWriting() {
+    // An arbitrary key of this program's own: the advisory lock of folder creation.
+    constexpr long long kRootLockKey = 0x446F63526F6F7473;  // "DocRoots"
+    BeginTransaction();
+    try {
+        IDBInterface* db = FHost->GetDBInterface();
+        if (db->GetBackendKind() == TDBBackendKind::bkPostgreSQL)
+            db->AcquireConnection(FTransaction)
+                ->ExecDirect("SELECT pg_advisory_xact_lock(" + std::to_string(kRootLockKey) + ")");
+        FAdmin->Directories()->ChildDirectoryCount();
+        Commit();
+    } catch (...) {
+        Rollback();
+        throw;
+    }
+}
+
 void TTreeSession::BeginTransaction() {
     Assert(FTransaction == 0, "TTreeSession: a transaction is already open");
     FTransaction = FHost->GetDBInterface()->BeginTransaction();

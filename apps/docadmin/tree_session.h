@@ -70,6 +70,10 @@ class TTreeSession {
     // counted).
     std::uint64_t StatementCount() const;
 
+    // For writing verbs: finds the tree's folder path, creating what is missing, while holding
+    // the database's write lock (SQLite) or an advisory lock (PostgreSQL), so that several
+    // processes starting at once make each folder once.
+    void ResolveRootForWriting();
     void BeginTransaction();
     void Commit();
     void Rollback();
