@@ -17,6 +17,7 @@
 
 #include <iostream>
 
+#include "_Tools.h"
 #include "commands.h"
 #include "host_options.h"
 
@@ -82,7 +83,7 @@ std::int64_t ResolveGroup(TUserStore& users, const std::string& text) {
 
 TUserInfo RequireUser(TUserStore& users, const std::string& name) {
     const auto u = users.FindUser(name);
-    if (!u) throw Exception("User " + VisibleText(name) + " does not exist");
+    if (!u) throw Exception("User " + PrintableText(name) + " does not exist");
     return *u;
 }
 
@@ -128,11 +129,11 @@ void Install(CLI::App& app) {
         // Name checks before the password is asked for.
         u.UserName = TUserStore::CheckUserName(o->Name);
         if (const auto other = users.FindUser(u.UserName))
-            throw Exception("User " + VisibleText(other->UserName) + " exists");
+            throw Exception("User " + PrintableText(other->UserName) + " exists");
         std::optional<std::string> password;
         if (!o->NoPassword) password = ReadPassword(users, o->PasswordStdin);
         const std::int64_t id = users.AddUser(u, password);
-        std::cout << "added user " << VisibleText(u.UserName) << " (id " << id << ")\n";
+        std::cout << "added user " << PrintableText(u.UserName) << " (id " << id << ")\n";
     });
 
     CLI::App* list = user->add_subcommand("list", "List the users");
@@ -151,15 +152,15 @@ void Install(CLI::App& app) {
             flag(u.ReadOnly, "read-only");
             flag(u.Disabled, "disabled");
             flag(!u.HasPassword, "no-password");
-            std::cout << u.ID << "\t" << VisibleText(u.UserName) << "\t"
+            std::cout << u.ID << "\t" << PrintableText(u.UserName) << "\t"
                       << (flags.empty() ? "-" : flags) << "\t" << u.DefaultACLGroup << "\t"
-                      << VisibleText(u.FullName) << "\n";
+                      << PrintableText(u.FullName) << "\n";
         }
         // Names from before names compared without case and spaces: each must be renamed.
         for (const auto& same : host->Users().DuplicateUserNames()) {
             std::cerr << "warning: these user names differ only in case or spaces:";
             for (const TUserInfo& u : same)
-                std::cerr << " \"" << VisibleText(u.UserName) << "\" (id " << u.ID << ")";
+                std::cerr << " \"" << PrintableText(u.UserName) << "\" (id " << u.ID << ")";
             std::cerr << "; rename all but one with 'docadmin user rename'\n";
         }
     });
@@ -173,7 +174,7 @@ void Install(CLI::App& app) {
         auto host = OpenHost(o->Host);
         const TUserInfo u = RequireUser(host->Users(), o->Name);
         host->Users().SetPassword(o->Name, ReadPassword(host->Users(), o->PasswordStdin));
-        std::cout << "password of " << VisibleText(u.UserName) << " changed\n";
+        std::cout << "password of " << PrintableText(u.UserName) << " changed\n";
     });
 
     CLI::App* rename = user->add_subcommand("rename", "Give a user another name");
@@ -184,8 +185,8 @@ void Install(CLI::App& app) {
         auto host = OpenHost(o->Host);
         const TUserInfo u = RequireUser(host->Users(), o->Name);
         host->Users().RenameUser(o->Name, o->NewName);
-        std::cout << "renamed user " << VisibleText(u.UserName) << " (id " << u.ID << ") to "
-                  << VisibleText(host->Users().GetUser(u.ID)->UserName) << "\n";
+        std::cout << "renamed user " << PrintableText(u.UserName) << " (id " << u.ID << ") to "
+                  << PrintableText(host->Users().GetUser(u.ID)->UserName) << "\n";
     });
 
     CLI::App* groupAdd = user->add_subcommand("group-add", "Add an ACL group");
@@ -195,7 +196,7 @@ void Install(CLI::App& app) {
     groupAdd->callback([o] {
         auto host = OpenHost(o->Host);
         const std::int64_t id = host->Users().AddACLGroup(o->Name, o->Description);
-        std::cout << "added ACL group " << VisibleText(o->Name) << " (id " << id << ")\n";
+        std::cout << "added ACL group " << PrintableText(o->Name) << " (id " << id << ")\n";
     });
 
     CLI::App* groups = user->add_subcommand("groups", "List the ACL groups");
@@ -204,8 +205,8 @@ void Install(CLI::App& app) {
         auto host = OpenHost(o->Host);
         std::cout << "id\tname\tdescription\n";
         for (const TACLGroupInfo& g : host->Users().ListACLGroups())
-            std::cout << g.ID << "\t" << VisibleText(g.Name) << "\t" << VisibleText(g.Description)
-                      << "\n";
+            std::cout << g.ID << "\t" << PrintableText(g.Name) << "\t"
+                      << PrintableText(g.Description) << "\n";
     });
 
     CLI::App* mode = user->add_subcommand("mode", "Set a user's mode in an ACL group");
@@ -229,8 +230,8 @@ void Install(CLI::App& app) {
                                                             : uamDenied;
             users.SetUserACLMode(u.ID, g, m);
         }
-        std::cout << "mode of " << VisibleText(u.UserName) << " in group " << VisibleText(o->Group)
-                  << ": " << o->Mode << "\n";
+        std::cout << "mode of " << PrintableText(u.UserName) << " in group "
+                  << PrintableText(o->Group) << ": " << o->Mode << "\n";
     });
 }
 

@@ -5,6 +5,7 @@
 
 #include "_TClientSQL.h"
 #include "_TKRRecordSet.h"
+#include "_Tools.h"
 
 namespace docadmin {
 
@@ -73,37 +74,12 @@ long CountPrintableUTF8(const std::string& s) {
 std::string DescribeUsers(const std::vector<TUserInfo>& AUsers) {
     std::string s;
     for (const TUserInfo& u : AUsers)
-        s += (s.empty() ? "\"" : ", \"") + VisibleText(u.UserName) + "\" (id " +
+        s += (s.empty() ? "\"" : ", \"") + PrintableText(u.UserName) + "\" (id " +
              std::to_string(u.ID) + ")";
     return s;
 }
 
 }  // namespace
-
-std::string VisibleText(const std::string& AText) {
-    static const char digits[] = "0123456789abcdef";
-    std::string out;
-    out.reserve(AText.size());
-    for (size_t i = 0, len = 0; i < AText.size(); i += len) {
-        std::uint32_t cp = 0;
-        if (!DecodeUTF8(AText, i, cp, len)) {
-            const auto b = static_cast<unsigned char>(AText[i]);
-            out += "\\x";
-            out += digits[b >> 4];
-            out += digits[b & 15];
-            len = 1;
-        } else if (cp == '\\') {
-            out += "\\\\";
-        } else if (IsControl(cp)) {
-            out += cp < 0x80 ? "\\x" : "\\u00";
-            out += digits[cp >> 4];
-            out += digits[cp & 15];
-        } else {
-            out.append(AText, i, len);
-        }
-    }
-    return out;
-}
 
 TUserStore::TUserStore(IDBInterface* ADatabase, int AIterations, int AMinPasswordLength)
     : FDatabase(ADatabase),
@@ -152,7 +128,7 @@ std::optional<TUserStore::TUserRow> TUserStore::MatchUser(const std::string& AUs
     }
     for (TUserRow& u : matches)
         if (u.UserName == AUserName) return std::move(u);
-    throw EUserStoreError("The user name \"" + VisibleText(AUserName) + "\" is ambiguous: " +
+    throw EUserStoreError("The user name \"" + PrintableText(AUserName) + "\" is ambiguous: " +
                           DescribeUsers(std::vector<TUserInfo>(matches.begin(), matches.end())) +
                           " differ only in case or spaces; rename all but one");
 }
@@ -216,8 +192,9 @@ std::int64_t TUserStore::AddUser(const TUserInfo& AUser,
         const std::string key = NameKey(name);
         for (const TUserRow& u : ReadUsers("", TVariant(), tid))
             if (NameKey(u.UserName) == key)
-                throw EUserStoreError("User " + VisibleText(name) + " exists" +
-                                      (u.UserName == name ? "" : " as " + VisibleText(u.UserName)));
+                throw EUserStoreError(
+                    "User " + PrintableText(name) + " exists" +
+                    (u.UserName == name ? "" : " as " + PrintableText(u.UserName)));
         TClientSQL ins(nullptr, FDatabase);
         ins.SetDBATransactionID(tid);
         ins.SetStatementKind(skInsert);
@@ -269,7 +246,7 @@ std::vector<std::vector<TUserInfo>> TUserStore::DuplicateUserNames() {
 void TUserStore::UpdateUser(const std::string& AUserName, const std::string& AField,
                             TVariant AValue) {
     const auto u = MatchUser(AUserName);
-    if (!u) throw EUserStoreError("User " + VisibleText(AUserName) + " does not exist");
+    if (!u) throw EUserStoreError("User " + PrintableText(AUserName) + " does not exist");
     TClientSQL upd(nullptr, FDatabase);
     upd.SetStatementKind(skUpdate);
     upd.SetSchemaName("users");
@@ -297,13 +274,13 @@ void TUserStore::RenameUser(const std::string& AUserName, const std::string& ANe
     const std::string name = CheckUserName(ANewName);
     InUsersTransaction([&](std::int64_t tid) {
         const auto u = MatchUser(AUserName, tid);
-        if (!u) throw EUserStoreError("User " + VisibleText(AUserName) + " does not exist");
+        if (!u) throw EUserStoreError("User " + PrintableText(AUserName) + " does not exist");
         const std::string key = NameKey(name);
         for (const TUserRow& other : ReadUsers("", TVariant(), tid))
             if (other.ID != u->ID && NameKey(other.UserName) == key)
                 throw EUserStoreError(
-                    "User " + VisibleText(name) + " exists" +
-                    (other.UserName == name ? "" : " as " + VisibleText(other.UserName)));
+                    "User " + PrintableText(name) + " exists" +
+                    (other.UserName == name ? "" : " as " + PrintableText(other.UserName)));
         TClientSQL upd(nullptr, FDatabase);
         upd.SetDBATransactionID(tid);
         upd.SetStatementKind(skUpdate);

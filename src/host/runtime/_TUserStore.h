@@ -38,11 +38,6 @@ namespace docadmin {
 // A user or group that doesn't exist, or a name that is taken or empty.
 DOCADMIN_DECLARE_EXCEPTION(EUserStoreError, Exception);
 
-// A text as it may be written to a terminal or into a message: control characters become
-// \xNN (C1 controls \u00NN), bytes that are not UTF-8 become \xNN and a backslash is doubled,
-// so that nothing arrives raw and different texts stay different.
-std::string VisibleText(const std::string& AText);
-
 struct TUserInfo {
     std::int64_t ID = 0;
     std::string UserName;

@@ -7,6 +7,7 @@
 #include "_TDBSettingsStorage.h"
 #include "_TDBUserAccess.h"
 #include "_TUserStore.h"
+#include "_Tools.h"
 #include "host/db/db_test_support.h"
 
 using namespace docadmin;
@@ -271,7 +272,7 @@ TEST_P(RuntimeUsers, NamesThatAreNotPrintableUTF8AreRefused) {
           std::string("a\x7f"), std::string("a\xc2\x85"), std::string("\x1b[31mred"),
           std::string("a\xff"), std::string("\xc0\xaf"), std::string("\xed\xa0\x80"),
           hundred + "x"})
-        EXPECT_THROW(AddUser(bad), EUserStoreError) << VisibleText(bad);
+        EXPECT_THROW(AddUser(bad), EUserStoreError) << PrintableText(bad);
     EXPECT_TRUE(Users().ListUsers().empty());
     EXPECT_NO_THROW(AddUser(hundred));
     const std::int64_t bob = AddUser("bob");
