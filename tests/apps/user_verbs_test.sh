@@ -53,7 +53,7 @@ sqlite3 "$db" "insert into users (username, fullname) values
     ('mal' || char(27) || '[31m', 'tab' || char(9) || 'name')"
 expect 0 "" "$bin" user list
 [[ $out != *$'\x1b'* ]] || fail "a raw escape character reached the listing"
-[[ $out == *'mal\x1b[31m'*'tab\x09name'* ]] || fail "listing: $out"
+[[ $out == *'mal\x1B[31m'*'tab\x09name'* ]] || fail "listing: $out"
 
 # Names of an older database that now compare equal: listed with a warning, then renamed apart.
 sqlite3 "$db" "insert into users (username) values ('Bob'), ('BOB')"
