@@ -2,11 +2,16 @@
 //
 // Listens until SIGTERM or SIGINT, then stops gracefully: no new connections, requests in flight
 // finish within the configured deadline, every session ends (its cache and temporary files go),
-// and the program exits 0.
+// background jobs end, and the program exits 0. Meanwhile the main thread runs the host's
+// main-thread queue (job events, Synchronize calls of other threads).
 #include <signal.h>
 
+#include <atomic>
+#include <exception>
 #include <iostream>
+#include <thread>
 
+#include "_MainThreadQueue.h"
 #include "_TVTLBIAPIClient.h"
 #include "_TVTLRestServer.h"
 #include "_Tools.h"
@@ -51,6 +56,16 @@ const TAPIInterfaceType& HostInfoInterface() {
     return intf;
 }
 
+// Runs the main-thread queue once, waiting up to ATimeoutMs for work. A failing call has no
+// caller to go back to: it is reported and the loop goes on.
+void RunMainThreadQueue(int ATimeoutMs) {
+    try {
+        CheckSynchronize(ATimeoutMs);
+    } catch (const std::exception& e) {
+        std::cerr << "docadmin serve: a call on the main thread failed: " << e.what() << std::endl;
+    }
+}
+
 void RunServe(const TServeOptions& o) {
     auto host = OpenHost(o.Host, rmServer);
     TRestServerOptions options = RestServerOptionsFromConfig(host->Config());
@@ -81,7 +96,8 @@ void RunServe(const TServeOptions& o) {
         intfs.push_back(&HostInfoInterface());
     };
 
-    // The signals are taken by sigwait below; every thread started from here inherits the mask.
+    // The signals are taken by sigtimedwait below; every thread started from here inherits the
+    // mask.
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
@@ -93,10 +109,32 @@ void RunServe(const TServeOptions& o) {
     std::cerr << "docadmin serve: listening on "
               << (server.HTTP().Secure() ? "https://" : "http://") << options.HTTP.Address << ":"
               << server.Port() << std::endl;
-    int sig = 0;
-    sigwait(&signals, &sig);
+    // Queued calls run as soon as they come; a signal is noticed within the wait's 100 ms.
+    const timespec noWait{0, 0};
+    while (sigtimedwait(&signals, nullptr, &noWait) < 0)
+        RunMainThreadQueue(100);
     std::cerr << "docadmin serve: stopping" << std::endl;
-    server.Shutdown();
+    // Requests in flight may wait for the main thread (Synchronize): the server drains on another
+    // thread while this one keeps running the queue.
+    std::atomic<bool> drained{false};
+    std::exception_ptr stopError;
+    std::thread stopper([&] {
+        try {
+            server.Shutdown();
+        } catch (...) {
+            stopError = std::current_exception();
+        }
+        drained = true;
+        Queue([] {});  // wakes the loop below
+    });
+    while (!drained)
+        RunMainThreadQueue(100);
+    stopper.join();
+    if (stopError) std::rethrow_exception(stopError);
+    // The jobs end on this thread, so their events queued here are delivered, before the host
+    // (and with it the database) goes.
+    host->ShutdownJobs();
+    TBackgroundJobScheduler::Default().Shutdown();
     std::cerr << "docadmin serve: stopped" << std::endl;
 }
 

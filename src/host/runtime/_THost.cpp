@@ -36,6 +36,8 @@ THost::THost(TDocAdminConfig AConfig, std::uint8_t ARunMode, int APasswordIterat
       FUsers(FDatabase.get(), APasswordIterations, FConfig.MinPasswordLength()) {}
 
 THost::~THost() {
+    // Jobs may use the database: they end before any member goes.
+    ShutdownJobs();
     try {
         FLocalSettings.Save();
     } catch (const std::exception&) {
@@ -48,8 +50,23 @@ HRESULT THost::QueryInterface(const TGUID& iid, void** obj) {
         *obj = static_cast<IMainInterface*>(this);
         return S_OK;
     }
+    if (iid == IKRBackgroundJobScheduler::IID) {
+        *obj = static_cast<IKRBackgroundJobScheduler*>(&JobScheduler());
+        return S_OK;
+    }
     *obj = nullptr;
     return E_NOINTERFACE;
+}
+
+TBackgroundJobScheduler& THost::JobScheduler() {
+    std::call_once(FJobsMade, [this] { FJobs = std::make_unique<TBackgroundJobScheduler>(); });
+    return *FJobs;
+}
+
+void THost::ShutdownJobs() {
+    // Marks the scheduler as made without making one, so that none comes after the shutdown.
+    std::call_once(FJobsMade, [] {});
+    if (FJobs) FJobs->Shutdown();
 }
 
 IDBFieldSchema* THost::GetDBFieldSchema() {

@@ -12,6 +12,9 @@
 // that thread (the data layer's per-thread user is the single record of it). 0 is nobody: no
 // user access object, all is allowed.
 //
+// The host offers a background job scheduler (IKRBackgroundJobScheduler by QueryInterface), made
+// on first use; the host shuts it down before its database goes, so no job outlives it.
+//
 // All accessors are safe to call from any thread.
 #pragma once
 
@@ -21,6 +24,7 @@
 #include <mutex>
 
 #include "_DBInterface.h"
+#include "_KRBackgroundJobs.h"
 #include "_PluginIntf.h"
 #include "_TDBSettingsStorage.h"
 #include "_TDBUserAccess.h"
@@ -40,7 +44,8 @@ class THost : public TObject, public IMainInterface, public ICustomApp {
     // Opens the selected database of the configuration. Raises EConfigError or EDBException.
     explicit THost(TDocAdminConfig AConfig, std::uint8_t ARunMode = rmTool,
                    int APasswordIterations = DefaultPasswordIterations);
-    // Writes changed local settings back; failures there are swallowed (see SaveLocalSettings).
+    // Shuts the job scheduler down, then writes changed local settings back; failures there are
+    // swallowed (see SaveLocalSettings).
     ~THost() override;
 
     // IInterface: references don't count.
@@ -83,6 +88,13 @@ class THost : public TObject, public IMainInterface, public ICustomApp {
     // Writes changed local settings into the configuration file.
     void SaveLocalSettings() { FLocalSettings.Save(); }
 
+    // The host's job scheduler, made on first use (a pool sized from the cores).
+    TBackgroundJobScheduler& JobScheduler();
+    // Shuts the scheduler down if it was made (see TBackgroundJobScheduler::Shutdown); on the main
+    // thread the ends of the jobs are delivered before it returns. Jobs scheduled later end as
+    // cancelled at once.
+    void ShutdownJobs();
+
   private:
     const TDocAdminConfig FConfig;
     const std::uint8_t FRunMode;
@@ -95,6 +107,9 @@ class THost : public TObject, public IMainInterface, public ICustomApp {
 
     std::mutex FAccessLock;
     std::map<std::int64_t, IPtr<TDBUserAccess>> FAccess;  // guarded by FAccessLock
+
+    std::once_flag FJobsMade;
+    std::unique_ptr<TBackgroundJobScheduler> FJobs;  // set once through FJobsMade
 };
 
 // Opens a host from a configuration file ("" looks for one; see TDocAdminConfig::Locate).

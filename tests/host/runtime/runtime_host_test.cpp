@@ -3,6 +3,7 @@
 
 #include <sys/stat.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <thread>
@@ -213,4 +214,27 @@ TEST_F(RuntimeHost, UnusableDatabaseFailsTheOpen) {
     std::ofstream(FConfigFile) << "[databases.main]\nbackend = \"postgresql\"\n"
                                   "conninfo = \"host=/nonexistent-socket-dir dbname=x\"\n";
     EXPECT_THROW(Open(), EDBException);
+}
+
+TEST_F(RuntimeHost, OffersItsJobSchedulerAndEndsItsJobsBeforeItGoes) {
+    auto host = Open();
+    ASSERT_EQ(GetBackgroundJobScheduler(host.get()),
+              static_cast<IKRBackgroundJobScheduler*>(&host->JobScheduler()));
+    std::atomic<int> finished{0}, cancelled{0};
+    const auto schedule = [&](std::int64_t ADelay) {
+        auto* job = new TCustomPluginComponentBackgroundJob(
+            "job", [&](TObject*) { ++finished; }, [&](TObject*) { ++cancelled; });
+        job->SetMainInterface(host.get());
+        job->SetStartDelay(ADelay);
+        job->Schedule(7);
+    };
+    schedule(0);
+    EXPECT_TRUE(host->JobScheduler().WaitForGroup(7, 10000));
+    EXPECT_EQ(finished, 1);
+    // A job still waiting when the host goes ends as cancelled, before the database closes.
+    schedule(60000);
+    EXPECT_EQ(host->JobScheduler().JobCount(7), 1);
+    host.reset();
+    EXPECT_EQ(finished, 1);
+    EXPECT_EQ(cancelled, 1);
 }
