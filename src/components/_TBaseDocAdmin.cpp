@@ -363,9 +363,7 @@ void TBaseDocAdmin::DeleteDocument(std::int32_t ADocumentID) {
     // row's removal is committed, so that a failure leaves a file without a row, never a row
     // without its file.
     if (DeleteDocumentRowOf(ADocumentID, remote) == 0)
-        throw EDocAdminChangedByOtherUser("Document " + std::to_string(ADocumentID) + " ('" + name +
-                                          "') was changed or removed by another user meanwhile; "
-                                          "nothing was deleted.");
+        throw ChangedByOtherUser(ADocumentID, name, "nothing was deleted.");
     QueueFileRemoval(ADocumentID, remote, name);
     TDocument* doc = nullptr;
     if (FDirectories->ExtractDocument(ADocumentID, doc, true) && doc) {
@@ -373,6 +371,14 @@ void TBaseDocAdmin::DeleteDocument(std::int32_t ADocumentID) {
         if (OnDeleteDocument) OnDeleteDocument(this, doc);
     }
     if (FDBATransactionID == 0) RemovePendingFiles();
+}
+
+EDocAdminChangedByOtherUser TBaseDocAdmin::ChangedByOtherUser(std::int64_t ADocumentID,
+                                                              const std::string& AName,
+                                                              const std::string& AOutcome) {
+    return EDocAdminChangedByOtherUser("Document " + std::to_string(ADocumentID) + " ('" + AName +
+                                       "') was changed or removed by another user meanwhile; " +
+                                       AOutcome);
 }
 
 void TBaseDocAdmin::QueueFileRemoval(std::int32_t ADocumentID, const std::string& ARemoteFile,

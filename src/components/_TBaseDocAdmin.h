@@ -290,6 +290,10 @@ class TBaseDocAdmin : public TComponent, public IPluginContextObject {
     TImportSkippedEvent OnImportSkipped;
 
   protected:
+    // "Document N ('name') was changed or removed by another user ..." followed by AOutcome.
+    static EDocAdminChangedByOtherUser ChangedByOtherUser(std::int64_t ADocumentID,
+                                                          const std::string& AName,
+                                                          const std::string& AOutcome);
     void QueueFileRemoval(std::int32_t ADocumentID, const std::string& ARemoteFile,
                           const std::string& ADocName);
     // Saves (AutoSave), fires held-back child-count notices and OnChanged, at update depth 0.

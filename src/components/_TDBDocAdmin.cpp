@@ -47,6 +47,14 @@ std::int32_t Low32(std::int64_t v) {
     return static_cast<std::int32_t>(static_cast<std::uint32_t>(v & 0xFFFFFFFF));
 }
 
+// Ends a transaction after a failure; the failure is the one to report, not the rollback's.
+void RollbackQuietly(IDBInterface& ADB, std::int64_t ATransaction) noexcept {
+    try {
+        ADB.RollbackTransaction(ATransaction);
+    } catch (...) {
+    }
+}
+
 // Limits a change of a document row to the row that still names the remote file it was loaded
 // with. Rows from before the file store may have no remote name: empty or null.
 void AddLoadedRemoteFilter(IDBSQLStatement& AStatement, const std::string& ARemote) {
@@ -578,11 +586,8 @@ void TDBDocAdmin::SaveDocumentRow(IDBSQLStatement& AStatement, TDocument* ADocum
         } else {
             AStatement.Execute();
             if (AStatement.RowsAffected() == 0)
-                throw EDocAdminChangedByOtherUser(
-                    "Document " + std::to_string(doc->DocID()) + " ('" +
-                    ExtractFileName(doc->DocName()) +
-                    "') was changed or removed by another user since it was loaded; reload it "
-                    "and try again.");
+                throw ChangedByOtherUser(doc->DocID(), ExtractFileName(doc->DocName()),
+                                         "reload it and try again.");
         }
         // The version that the new file replaces: the row names the old file, which stays.
         // PostgreSQL writes it outside a caller's transaction; SQLite, on the thread holding
@@ -594,12 +599,7 @@ void TDBDocAdmin::SaveDocumentRow(IDBSQLStatement& AStatement, TDocument* ADocum
         }
         if (ownTx != 0) db->CommitTransaction(ownTx);
     } catch (...) {
-        if (ownTx != 0) {
-            try {
-                db->RollbackTransaction(ownTx);
-            } catch (...) {  // the original failure is the one to report
-            }
-        }
+        if (ownTx != 0) RollbackQuietly(*db, ownTx);
         AStatement.SetDBATransactionID(FDBATransactionID);
         throw;
     }
@@ -774,18 +774,12 @@ bool TDBDocAdmin::UpdateDocumentWithID(TComponent* AOwner, std::int64_t ADocumen
         if (AChangeFileName) st->AddField("docname", TVariant(ExtractFileName(ASourceFileName)));
         st->Execute();
         if (st->RowsAffected() == 0)
-            throw EDocAdminChangedByOtherUser(
-                "Document " + std::to_string(ADocumentID) + " ('" + docName +
-                "') was changed or removed by another user meanwhile; its content was not "
-                "replaced.");
+            throw ChangedByOtherUser(ADocumentID, docName, "its content was not replaced.");
         // The archive copies the row as it was read, before this change.
         if (AddToArchive) ArchiveRecordSetRow(AOwner, &rs, 0, tx);
         if (ownTx) db->CommitTransaction(tx);
     } catch (...) {
-        try {
-            if (ownTx) db->RollbackTransaction(tx);
-        } catch (...) {  // the original failure is the one to report
-        }
+        if (ownTx) RollbackQuietly(*db, tx);
         try {
             ADocFileLoader->RemoveFile(remote, docName);
         } catch (...) {  // left as a file that no row names
