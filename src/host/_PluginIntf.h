@@ -72,6 +72,52 @@ class ISettingsStorage {
     ~ISettingsStorage() = default;
 };
 
+// The host's progress display for long routines (a progress bar in a terminal, nothing where no
+// one watches). Begin and End nest.
+class IProgress {
+  public:
+    virtual void Begin(const std::string& ATitle, bool AShowCancel) = 0;
+    // ACancel is set when the user asked to stop; callers may ignore it.
+    virtual void Step(std::int64_t APosition, std::int64_t ACount, const std::string& AText,
+                      bool& ACancel) = 0;
+    virtual void End() = 0;
+
+  protected:
+    ~IProgress() = default;
+};
+
+// The loaded plug-ins, by plug-in GUID.
+class IPluginLoader {
+  public:
+    virtual std::int32_t PluginCount() = 0;
+    virtual std::string PluginGUID(std::int32_t AIndex) = 0;
+    virtual bool IsPluginLoaded(const std::string& APluginGUID) = 0;
+    // The external-function interface AIID of a loaded plug-in (a new reference in *AObj); false
+    // when the plug-in isn't loaded or doesn't offer it.
+    virtual bool GetExtFuncInterface(const std::string& APluginGUID, const TGUID& AIID,
+                                     void** AObj) = 0;
+
+  protected:
+    ~IPluginLoader() = default;
+};
+
+class IRessourceSource;
+
+// The host's list of resource sources; plug-ins add themselves at start and delete themselves
+// at their end. The list holds a reference to each source.
+class IRessourceSourceList {
+  public:
+    virtual void Add(const std::string& AIdentifier, IRessourceSource* ASource) = 0;
+    // -1 when the source isn't in the list.
+    virtual std::int32_t IndexOf(IRessourceSource* ASource) = 0;
+    virtual void Delete(std::int32_t AIndex) = 0;
+    virtual std::int32_t Count() = 0;
+    virtual IRessourceSource* Item(std::int32_t AIndex) = 0;
+
+  protected:
+    ~IRessourceSourceList() = default;
+};
+
 // The host's application object.
 class ICustomApp {
   public:
@@ -102,6 +148,12 @@ class IMainInterface : public IInterface {
     virtual ICurrentUser* GetCurrentUser() = 0;
     // 3 when this process is the multi-user server.
     virtual std::uint8_t RunMode() = 0;
+    // The services below are the plug-in host's; an object that isn't one answers null.
+    virtual IProgress* GetProgress() { return nullptr; }
+    virtual IPluginLoader* GetPluginLoader() { return nullptr; }
+    virtual IRessourceSourceList* GetRessourceSources() { return nullptr; }
+    // The user interface language: 0 German, 1 English, 2 French, 3 Italian.
+    virtual std::int32_t LanguageIndex() { return 0; }
 };
 
 // Base of the non-visual parts that need the plug-in context. The main interface is set

@@ -191,4 +191,63 @@ class IDocument : public IInterface {
     virtual std::string Get_GlobalRecUID() = 0;
 };
 
+// The document view of a tree handle: what other plug-ins call to work on a tree. Operations
+// with a Boolean result answer true; failures raise the document layer's exceptions. A nil
+// directory means the tree's root.
+class IDirectoryRoot : public IInterface {
+  public:
+    DOCADMIN_IID("{E968F426-8689-4CFE-9CC1-BA870F77B6F5}");
+    virtual std::int32_t Get_RootDirectoryCount() = 0;
+    virtual IPtr<IDirectory> Get_RootDirectory(std::int32_t AIndex) = 0;
+    virtual IPtr<IDirectory> Do_GetDirectoryByTitle(IDirectory* ADir, const std::string& APath) = 0;
+    virtual bool Get_IsInTree(IDirectory* ADir, IDirectory* ABase) = 0;
+    virtual IPtr<IDirectory> Do_CreateFolderStruct(IDirectory* ABaseDir,
+                                                   const std::string& APath) = 0;
+    virtual IPtr<IDirectory> Do_AddDirectory(IDirectory* AParent, const std::string& AName) = 0;
+    virtual bool Do_DeleteDirectory(IDirectory* ADir) = 0;
+    virtual bool Do_DeleteDocument(IDocument* ADoc) = 0;
+    virtual bool Do_DeleteDocumentByID(std::int64_t AID) = 0;
+    virtual bool Do_DownloadFile(IDocument* ADoc, const std::string& AFile) = 0;
+    // Fills AName with the document's name.
+    virtual bool Do_DownloadFileByID(std::int64_t AID, const std::string& AFile,
+                                     std::string& AName) = 0;
+    virtual bool Do_ReplaceFile(IDocument* ADoc, const std::string& AFile,
+                                TRessourceArchiveMode AArchiveMode) = 0;
+    virtual bool Do_ReplaceFileByID(std::int64_t AID, const std::string& AFile,
+                                    TRessourceArchiveMode AArchiveMode) = 0;
+    virtual IPtr<IDocument> Do_SaveDocument(IDirectory* ADir, const std::string& AName,
+                                            const std::string& AFile, std::uint8_t ATags) = 0;
+    virtual bool Do_ImportDirectory(IDirectory* ADir, const std::string& APath) = 0;
+    virtual bool Do_SaveChanges() = 0;
+    virtual bool Get_HasChanges() = 0;
+    virtual bool Do_ExportDirectory(IDirectory* ADir, const std::string& APath,
+                                    bool AContinueOnMissingFiles, const std::string& AFilePattern,
+                                    const std::string& ADirPattern) = 0;
+    virtual IPtr<IDirectory> Get_RootDir() = 0;
+};
+
+class IRessourceSource;
+
+// Listener of a resource source; told (with the value 0) when the source goes away.
+class IRessourceSourceNotify : public IInterface {
+  public:
+    DOCADMIN_IID("{6A0C2F4E-8B13-4D7A-9E55-3C1B7D2A9F80}");
+    virtual void Do_SourceNotify(IRessourceSource* ASource, std::int32_t AValue) = 0;
+};
+
+// How a plug-in offers resource containers for records.
+class IRessourceSource : public IInterface {
+  public:
+    DOCADMIN_IID("{FDA1A186-D882-48DF-91F1-9F9362884B71}");
+    virtual std::int32_t Get_ContainerCount() = 0;
+    // A second lookup by index; the document module clears AContainer and answers 0.
+    virtual std::int32_t Get_ContainerInfo(std::int32_t AIndex, IPtr<IInterface>& AContainer) = 0;
+    virtual std::string Get_Caption() = 0;
+    virtual bool Get_Enabled() = 0;
+    virtual IPtr<IRessourceContainer> GetRessourceContainer(const std::string& AResIdentifier,
+                                                            std::int64_t AResID) = 0;
+    virtual void Do_AddNotifier(IRessourceSourceNotify* ANotifier) = 0;
+    virtual void Do_RemoveNotifier(IRessourceSourceNotify* ANotifier) = 0;
+};
+
 }  // namespace docadmin
