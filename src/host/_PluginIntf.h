@@ -52,6 +52,8 @@ class IVantrelDatabaseRepository {
     virtual std::string DefaultDocRootFolder() = 0;
     // The folder from which a new store is seeded once; empty when there is none.
     virtual std::string SeedDocRootFolder() = 0;
+    // How the database is reached; 1 means a local offline copy (stores then stay local).
+    virtual int ConnectionKind(int AIndex) { return 0; }
 
   protected:
     ~IVantrelDatabaseRepository() = default;
@@ -118,6 +120,15 @@ class IRessourceSourceList {
     ~IRessourceSourceList() = default;
 };
 
+// The connection of a client process to the multi-user server.
+class IServerConnection {
+  public:
+    virtual bool Connected() = 0;
+
+  protected:
+    ~IServerConnection() = default;
+};
+
 // The host's application object.
 class ICustomApp {
   public:
@@ -152,6 +163,8 @@ class IMainInterface : public IInterface {
     virtual IProgress* GetProgress() { return nullptr; }
     virtual IPluginLoader* GetPluginLoader() { return nullptr; }
     virtual IRessourceSourceList* GetRessourceSources() { return nullptr; }
+    // The connection to the multi-user server; null where there is none (the server itself).
+    virtual IServerConnection* GetServerConnection() { return nullptr; }
     // The user interface language: 0 German, 1 English, 2 French, 3 Italian.
     virtual std::int32_t LanguageIndex() { return 0; }
 };
