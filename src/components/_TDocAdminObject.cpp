@@ -340,8 +340,10 @@ bool TDocAdminObject::Do_ExecuteAction(TRessourceAction AAction, IRessource* ARe
 }
 
 TRessourceActions TDocAdminObject::Get_SupportedActions(IRessource* ARessource) {
-    Tree();
-    if (ARessource) return ARessource->Get_SupportedActions();
+    if (ARessource) {
+        Tree();
+        return ARessource->Get_SupportedActions();
+    }
     return RessourceActionBit(raView) | RessourceActionBit(raAddDirectory) |
            RessourceActionBit(raImportDirectory) | RessourceActionBit(raAddDocument);
 }
