@@ -129,6 +129,12 @@ TDocument* IntfToDocument(IInterface* AIntf) {
     return doc;
 }
 
+TDocument* IntfToDocumentSafe(IInterface* AIntf) {
+    IPtr<IOBJAccess> access;
+    if (!Supports(AIntf, access)) return nullptr;
+    return dynamic_cast<TDocument*>(access->GetObject());
+}
+
 // ---- TDocDirectory
 
 TDocDirectory::TDocDirectory(TDocDirectory* AParent) : FParentDir(AParent) {}

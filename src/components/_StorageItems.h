@@ -455,5 +455,7 @@ TDocDirectory* IntfToDirectory(IInterface* AIntf);
 // The same, but an interface without IOBJAccess (or of another class) gives nullptr.
 TDocDirectory* IntfToDirectorySafe(IInterface* AIntf);
 TDocument* IntfToDocument(IInterface* AIntf);
+// The same, but an interface without IOBJAccess (or of another class) gives nullptr.
+TDocument* IntfToDocumentSafe(IInterface* AIntf);
 
 }  // namespace docadmin
