@@ -159,12 +159,23 @@ class TVTLRestAPICustomKRRecordSetServiceImpl : public TVTLCustomRestService {
 
     // Schemas the service never serves.
     static bool IsPrivateSchema(const std::string& ASchema);
+    // The most rows a list answers at once (the server's setting).
+    static std::int64_t MaxPageSize();
+
+    // A row's value by field name (null when the row has none).
+    using TRowValueFunc = std::function<TVariant(const std::string& AFieldName)>;
 
   private:
     const TDBTableDef& RequireSchema(const std::string& ASchema);
     void PrepareRequest(const TDBTableDef& ATable, const std::string& AFields);
+    // The list query on the set: select fields, where-text, filter handler and order.
+    void PrepareListSet(const TDBTableDef& ATable, const TRecordListQuery& AQuery,
+                        TKRRecordSet& ASet);
     TJsonObject RowToJson(TKRRecordSet& ASet, int ARecNo);
-    void CheckWritable(const TDBTableDef& ATable, const TVariant& AACLGroup);
+    // Raises 403 unless the current user may write a row of the table with these values: not
+    // read-only, and on a table registered for record ACLs a writing mode (0 or 2) in the row's
+    // ACL group and write access to each row that its ACL fields name.
+    void CheckWritable(const TDBTableDef& ATable, const TRowValueFunc& AValueOf, int ADepth = 0);
     void FillFields(const TDBTableDef& ATable, const TJsonObject& AValues, TClientSQL& AStatement,
                     bool AInsert);
 
