@@ -131,9 +131,9 @@ TEST_P(RestRecords, PagesNeitherOverlapNorSkipAndCountWithTheWhereText) {
     FToken = Login("alice");
     const json capped = Get("/records/contacts");
     EXPECT_EQ(capped["records"].size(), 3u);
-    EXPECT_EQ(capped["limit"], 3);
+    EXPECT_EQ(capped.value("limit", -1), 3);
     EXPECT_EQ(capped["total"], 5);
-    EXPECT_EQ(Get("/records/contacts?limit=4", 400)["error"]["message"],
+    EXPECT_EQ(Get("/records/contacts?limit=4", 400).value("/error/message"_json_pointer, ""),
               "limit must be at most 3; page with offset");
     EXPECT_EQ(Get("/records/contacts?limit=3&offset=3")["records"].size(), 2u);
 }
