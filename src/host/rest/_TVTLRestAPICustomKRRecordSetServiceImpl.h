@@ -2,16 +2,22 @@
 // and filter handlers.
 //
 //   GET  /records/<schema>?fields=a,b&where=TEXT&order=a,-b&limit=N&offset=N
-//        [&filter=<identifier>&filter_value=TEXT]        -> {"records": [...], ...}
+//        [&filter=<identifier>&filter_value=TEXT]
+//        -> {"records": [...], "offset": N, "limit": N, "total": N}
 //   GET  /records/<schema>/<record UID>[?fields=...]    -> {"records": [row]}
 //   POST /records/<schema>           JSON object of values  -> {"record_info": [...]}
 //   PUT  /records/<schema>/<record UID>                     -> {"record_info": [...]}
 //   GET  /filters/<schema>                               -> {"filters": [...]}
 //
 // Reads run with the current user's row rights: a row the user may not read is not listed and
-// reads as 404. Writes need a user that isn't read-only and, on a table registered for record
-// ACLs, a writing mode in the row's ACL group (old and new). A where-text goes through the
-// where-clause parser; every field name is checked against the schema and every value is bound.
+// reads as 404. A list is one page that the database cuts out (LIMIT/OFFSET bound as values) in
+// the order asked for, completed by the key; "total" counts all rows of the query. A page holds at
+// most MaxPageSize rows, which is also the page without a limit; a larger limit gets 400.
+// Writes need a user that isn't read-only and, on a table registered for record ACLs, a writing
+// mode (0 or 2) in the row's ACL group and write access to each row that its ACL fields name, for
+// the row as it is and as it will be; otherwise 403 before anything is written. A where-text goes
+// through the where-clause parser; every field name is checked against the schema and every value
+// is bound.
 // The host's own tables of users and settings are not served.
 //
 // A field mapping gives a column another JSON name, for output and input alike. A detail handler
