@@ -221,6 +221,19 @@ std::string RenderFilters(TSQLBuild& ABuild, const TDBTableDef& ATable, const st
     return stack.front().Text;
 }
 
+std::string RenderPaging(TSQLBuild& ABuild, std::int64_t ALimit, std::int64_t AOffset) {
+    if (ALimit < -1 || AOffset < 0)
+        throw EDBException("Invalid paging: limit " + std::to_string(ALimit) + ", offset " +
+                           std::to_string(AOffset));
+    std::string sql;
+    if (ALimit >= 0)
+        sql = " LIMIT " + ABuild.AddParam(TVariant(static_cast<long long>(ALimit)));
+    else if (AOffset > 0 && ABuild.Dialect.Kind() == TDBBackendKind::bkSQLite)
+        sql = " LIMIT -1";  // SQLite takes OFFSET only after a LIMIT
+    if (AOffset > 0) sql += " OFFSET " + ABuild.AddParam(TVariant(static_cast<long long>(AOffset)));
+    return sql;
+}
+
 std::string RenderACLCondition(TSQLBuild& ABuild, const TDBTableDef& ATable,
                                const std::string& AAlias, std::int64_t AUserID, int ADepth) {
     TKRACLDataTable reg;

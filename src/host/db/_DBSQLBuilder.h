@@ -49,6 +49,10 @@ TVariant ConvertForField(const TVariant& AValue, const TDBFieldDef& AField);
 std::string RenderFilters(TSQLBuild& ABuild, const TDBTableDef& ATable, const std::string& AAlias,
                           const TClientSQLFilters& AFilters);
 
+// " LIMIT .. OFFSET .." with both values bound as parameters; empty without paging. ALimit -1
+// means no limit; negative values otherwise raise EDBException.
+std::string RenderPaging(TSQLBuild& ABuild, std::int64_t ALimit, std::int64_t AOffset);
+
 // The row-rights condition of a table for a user; empty when the table isn't restricted.
 std::string RenderACLCondition(TSQLBuild& ABuild, const TDBTableDef& ATable,
                                const std::string& AAlias, std::int64_t AUserID, int ADepth = 0);

@@ -145,22 +145,28 @@ void TKRCustomRecordSet::InternalSetFiltersToSchema(TFilterContext) {
     if (OnSetFiltersToSchema) OnSetFiltersToSchema(this);
 }
 
-void TKRCustomRecordSet::Open() {
-    if (FActive) Close();
+void TKRCustomRecordSet::SetPaging(std::int64_t ALimit, std::int64_t AOffset) {
+    if (ALimit < -1 || AOffset < 0)
+        throw EDBException("Invalid paging: limit " + std::to_string(ALimit) + ", offset " +
+                           std::to_string(AOffset));
+    FLimit = ALimit;
+    FOffset = AOffset;
+}
+
+std::string TKRCustomRecordSet::BuildSelect(TSQLBuild& b, bool ACount,
+                                            std::vector<TColumn>* AColumns) {
     IDBInterface& db = *GetDatabase();
     IDBFieldSchemaItem* schema = RequireSchema();
     const TDBTableDef& table = schema->GetTableDef();
     schema->GetFilters()->Clear();
-    InternalSetFiltersToSchema(TFilterContext().set(fcSelect));
+    InternalSetFiltersToSchema(TFilterContext().set(ACount ? fcCount : fcSelect));
 
-    TSQLBuild b(db.GetDialect(), *db.GetFieldSchema());
     std::vector<TColumn> columns;
     std::vector<std::string> selects;  // expressions of the visible columns
     std::vector<std::string> hidden;   // expressions of the lookup display values
     std::vector<int> hiddenOwner;      // column that each hidden value belongs to
     std::string joins;
     std::map<std::string, std::string> joinAlias;  // field name -> alias of its master join
-
     auto joinFor = [&](const TDBFieldDef& f) -> std::string {
         auto it = joinAlias.find(f.Name);
         if (it != joinAlias.end()) return it->second;
@@ -236,13 +242,33 @@ void TKRCustomRecordSet::Open() {
         if (!acl.empty()) where = where.empty() ? acl : "(" + where + ") AND " + acl;
     }
     if (!where.empty()) sql += " WHERE " + where;
+    if (ACount) return "SELECT COUNT(*) FROM (" + sql + ") c";
+
+    const bool paging = FLimit >= 0 || FOffset > 0;
+    const std::string key = QualifiedName("t", table.KeyField().Name);
+    bool keyOrdered = false;
     for (int i = 0; i < FOrderFields.Count(); ++i) {
         const auto& o = FOrderFields.Items(i);
         const std::string expr = o.FieldName.find('.') != std::string::npos
                                      ? masterColumn(o.FieldName)
                                      : QualifiedName("t", RequireField(table, o.FieldName).Name);
+        keyOrdered = keyOrdered || expr == key;
         sql += (i ? ", " : " ORDER BY ") + expr + (o.Ascending ? " ASC" : " DESC");
     }
+    // The key makes the order total; otherwise rows of equal sort values may change places
+    // between the queries of two pages.
+    if (paging && !keyOrdered) sql += (FOrderFields.Count() ? ", " : " ORDER BY ") + key + " ASC";
+    sql += RenderPaging(b, FLimit, FOffset);
+    if (AColumns) *AColumns = std::move(columns);
+    return sql;
+}
+
+void TKRCustomRecordSet::Open() {
+    if (FActive) Close();
+    IDBInterface& db = *GetDatabase();
+    TSQLBuild b(db.GetDialect(), *db.GetFieldSchema());
+    std::vector<TColumn> columns;
+    const std::string sql = BuildSelect(b, false, &columns);
 
     TDBResult result;
     {
@@ -260,6 +286,18 @@ void TKRCustomRecordSet::Open() {
     }
     FChanged.assign(static_cast<size_t>(rowCount), {});
     FActive = true;
+}
+
+std::int64_t TKRCustomRecordSet::CountRecords() {
+    IDBInterface& db = *GetDatabase();
+    TSQLBuild b(db.GetDialect(), *db.GetFieldSchema());
+    const std::string sql = BuildSelect(b, true, nullptr);
+    TDBResult result;
+    {
+        TDBConnectionLease conn = db.AcquireConnection(FDBATransactionID);
+        conn->Execute(sql, b.Params, &result);
+    }
+    return result.RowCount() == 1 ? result.At(0, 0).AsInt64() : 0;
 }
 
 void TKRCustomRecordSet::WritePending() {

@@ -18,6 +18,12 @@
 // the thread, rows of a table registered with TKRACLDataTableController whose ACL group the user
 // may not read are left out; a table registered with ACL fields follows the row that field names.
 //
+// Paging: SetPaging(limit, offset) makes Open deliver at most `limit` rows (-1: all) after skipping
+// `offset` rows of the ordered result; the database does the skipping. While paging, the order is
+// completed by the key field (ascending), so that the rows have one total order and consecutive
+// pages neither overlap nor skip rows. CountRecords counts the rows the same query gives without
+// paging.
+//
 // Writing: with update mode 1 (umWriteBack) cells taken with the write flag are marked changed;
 // SaveRecordNumber writes one row's changed cells, and Close (also from the destructor) writes
 // all rows still pending. Without update mode 1 a write raises.
@@ -42,6 +48,8 @@
 #include "_TClientSQL.h"
 
 namespace docadmin {
+
+class TSQLBuild;
 
 enum TRSUpdateMode : std::uint8_t { umReadOnly = 0, umWriteBack = 1 };
 
@@ -146,6 +154,12 @@ class TKRCustomRecordSet : public TPluginBaseComponent {
     void SetSelectAll(bool AValue) { FSelectAll = AValue; }
     bool GetSelectAll() const { return FSelectAll; }
 
+    // Paging of the next Open; (-1, 0) switches it off. Raises EDBException for a limit below -1
+    // or a negative offset.
+    void SetPaging(std::int64_t ALimit, std::int64_t AOffset);
+    std::int64_t GetLimit() const { return FLimit; }
+    std::int64_t GetOffset() const { return FOffset; }
+
     TClientSQLFilters* GetFilters() { return &FFilters; }
     TStringList* GetSelectFields() { return &FSelectFields; }
     TRSSelectFieldOption& GetSelectFieldOptions(const std::string& AFieldName);
@@ -155,6 +169,9 @@ class TKRCustomRecordSet : public TPluginBaseComponent {
     TNotifyEvent OnSetFiltersToSchema;
 
     void Open();
+    // The number of rows that Open would give without paging, with the same filters and row
+    // rights; runs a COUNT query and leaves the set as it is.
+    std::int64_t CountRecords();
     void Close();
     void SetActive(bool AValue);
     bool GetActive() const { return FActive; }
@@ -196,6 +213,9 @@ class TKRCustomRecordSet : public TPluginBaseComponent {
     void CheckColumn(int AColumn) const;
     void WritePending();
     IDBFieldSchemaItem* RequireSchema() const;
+    // The SELECT of Open (with order and paging) and the columns it delivers, or with ACount the
+    // COUNT over the same rows (AColumns untouched).
+    std::string BuildSelect(TSQLBuild& ABuild, bool ACount, std::vector<TColumn>* AColumns);
 
     IDBInterface* FDatabase = nullptr;
     std::string FSchemaName;
@@ -209,6 +229,8 @@ class TKRCustomRecordSet : public TPluginBaseComponent {
     TStringList FSelectFields;
     std::map<std::string, TRSSelectFieldOption> FSelectFieldOptions;  // by lower-case name
     TOrderFields FOrderFields;
+    std::int64_t FLimit = -1;
+    std::int64_t FOffset = 0;
 
     bool FActive = false;
     std::vector<TColumn> FColumns;

@@ -41,6 +41,9 @@ struct TRestServiceSettings {
     bool AllowSimulateErrorHeader = false;
     // The fallback record flag types when no service data setting matches.
     TRecordFlagTypes DefaultRecordFlagTypes = 0;
+    // The most rows one record list answers; a larger limit gets 400, a list without a limit
+    // answers this many.
+    std::int64_t MaxRecordPageSize = 1000;
 };
 
 struct TRestRequestContext {

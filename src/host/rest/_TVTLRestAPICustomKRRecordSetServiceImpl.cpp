@@ -327,21 +327,22 @@ void AddWhereGroup(const TSQLParserFilterGroup& AGroup, const TDBTableDef& ATabl
 
 }  // namespace
 
-TJsonObject TVTLRestAPICustomKRRecordSetServiceImpl::ListRecords(const std::string& ASchema,
-                                                                 const TRecordListQuery& AQuery) {
-    const TDBTableDef& table = RequireSchema(ASchema);
-    PrepareRequest(table, AQuery.Fields);
-    if (AQuery.Limit < -1 || AQuery.Offset < 0)
-        throw EVTLRestServiceError(400, "limit and offset must not be negative");
+std::int64_t TVTLRestAPICustomKRRecordSetServiceImpl::MaxPageSize() {
+    const TRestRequestContext* c = CurrentRestRequestContext();
+    return c && c->Settings ? c->Settings->MaxRecordPageSize
+                            : TRestServiceSettings{}.MaxRecordPageSize;
+}
 
-    TKRRecordSet set(nullptr, MainInterface()->GetDBInterface());
-    set.SetSchemaName(table.SchemaName);
-    set.SetOptions({rsoUserRowRights});
-    set.SetAccessMode(gamRead);
+void TVTLRestAPICustomKRRecordSetServiceImpl::PrepareListSet(const TDBTableDef& ATable,
+                                                             const TRecordListQuery& AQuery,
+                                                             TKRRecordSet& ASet) {
+    ASet.SetSchemaName(ATable.SchemaName);
+    ASet.SetOptions({rsoUserRowRights});
+    ASet.SetAccessMode(gamRead);
     for (const auto& f : FRequestedFields) {
-        const TDBFieldDef* def = table.FindField(f);
+        const TDBFieldDef* def = ATable.FindField(f);
         if (def) {
-            if (def->Name != "id") set.GetSelectFields()->Add(def->Name);
+            if (def->Name != "id") ASet.GetSelectFields()->Add(def->Name);
             continue;
         }
         const bool isDetail = std::any_of(FHandlers.begin(), FHandlers.end(), [&](auto& h) {
@@ -349,9 +350,9 @@ TJsonObject TVTLRestAPICustomKRRecordSetServiceImpl::ListRecords(const std::stri
         });
         if (!isDetail) throw EVTLRestServiceError(400, "Unknown field \"" + f + "\" in field list");
     }
-    set.SetSelectAll(FRequestedFields.empty());
-    for (const auto& def : table.Fields)
-        if (def.HasLookup) set.GetSelectFieldOptions(def.Name).DisableLookupValueLoading = true;
+    ASet.SetSelectAll(FRequestedFields.empty());
+    for (const auto& def : ATable.Fields)
+        if (def.HasLookup) ASet.GetSelectFieldOptions(def.Name).DisableLookupValueLoading = true;
 
     TVTLSQLParser parser;
     try {
@@ -360,45 +361,59 @@ TJsonObject TVTLRestAPICustomKRRecordSetServiceImpl::ListRecords(const std::stri
         throw EVTLRestServiceError(400, "where: " + e.Message());
     }
     if (!parser.WhereGroup().IsEmpty()) {
-        TClientSQLFilters* filters = set.GetFilters();
+        TClientSQLFilters* filters = ASet.GetFilters();
         // The client's condition as one group, so that a filter handler's conditions AND with it.
         filters->Add()->SetParenthesis(pOpen);
-        AddWhereGroup(parser.WhereGroup(), table, *filters, false);
+        AddWhereGroup(parser.WhereGroup(), ATable, *filters, false);
         filters->Add()->SetParenthesis(pClose);
     }
     if (!AQuery.Filter.empty()) {
         bool applied = false;
-        for (const auto& h : TKRFilterHandlerClient::HandlersForSchema(table.SchemaName))
+        for (const auto& h : TKRFilterHandlerClient::HandlersForSchema(ATable.SchemaName))
             if (h.Identifier == AQuery.Filter && h.OnApplyFilter) {
-                h.OnApplyFilter(set, AQuery.FilterValue);
+                h.OnApplyFilter(ASet, AQuery.FilterValue);
                 applied = true;
                 break;
             }
         if (!applied)
-            throw EVTLRestServiceError(
-                400, "Filter \"" + AQuery.Filter + "\" not found for \"" + table.SchemaName + "\"");
+            throw EVTLRestServiceError(400, "Filter \"" + AQuery.Filter + "\" not found for \"" +
+                                                ATable.SchemaName + "\"");
     }
     bool first = true;
     for (const auto& o : SplitList(AQuery.Order)) {
         const bool desc = o[0] == '-';
         const std::string name = desc ? o.substr(1) : o;
-        const TDBFieldDef* def = table.FindField(name);
+        const TDBFieldDef* def = ATable.FindField(name);
         if (!def) throw EVTLRestServiceError(400, "Unknown field \"" + name + "\" in order");
-        set.GetOrderFields()->SetOrder(def->Name, !desc, !first);
+        ASet.GetOrderFields()->SetOrder(def->Name, !desc, !first);
         first = false;
     }
-    if (first) set.GetOrderFields()->SetOrder("id", true, false);  // stable pages
-    set.Open();
+    if (first) ASet.GetOrderFields()->SetOrder(ATable.KeyField().Name, true, false);
+}
 
-    const std::int64_t total = set.GetRecordCount();
-    const std::int64_t from = std::min(AQuery.Offset, total);
-    const std::int64_t to = AQuery.Limit < 0 ? total : std::min(total, from + AQuery.Limit);
+TJsonObject TVTLRestAPICustomKRRecordSetServiceImpl::ListRecords(const std::string& ASchema,
+                                                                 const TRecordListQuery& AQuery) {
+    const TDBTableDef& table = RequireSchema(ASchema);
+    PrepareRequest(table, AQuery.Fields);
+    const std::int64_t maxPage = MaxPageSize();
+    if (AQuery.Limit < -1 || AQuery.Offset < 0)
+        throw EVTLRestServiceError(400, "limit and offset must not be negative");
+    if (AQuery.Limit > maxPage)
+        throw EVTLRestServiceError(
+            400, "limit must be at most " + std::to_string(maxPage) + "; page with offset");
+    const std::int64_t limit = AQuery.Limit < 0 ? maxPage : AQuery.Limit;
+
+    TKRRecordSet set(nullptr, MainInterface()->GetDBInterface());
+    PrepareListSet(table, AQuery, set);
+    set.SetPaging(limit, AQuery.Offset);
+    set.Open();
     TJsonObject result = TJsonObject::object();
     result["records"] = TJsonObject::array();
-    for (std::int64_t r = from; r < to; ++r)
-        result["records"].push_back(RowToJson(set, static_cast<int>(r)));
-    result["offset"] = from;
-    result["total"] = total;
+    for (int r = 0; r < set.GetRecordCount(); ++r)
+        result["records"].push_back(RowToJson(set, r));
+    result["offset"] = AQuery.Offset;
+    result["limit"] = limit;
+    result["total"] = set.CountRecords();
     return result;
 }
 
@@ -406,30 +421,98 @@ TJsonObject TVTLRestAPICustomKRRecordSetServiceImpl::ReadRecord(const std::strin
                                                                 const std::string& ARecordUID,
                                                                 const std::string& AFields) {
     if (!IsGuid(ARecordUID)) throw EVTLRestServiceError(400, "Invalid record UID");
-    TRecordListQuery q;
-    q.Fields = AFields;
-    // The UID is checked to be a GUID above, so the where-text carries no quote of the client's.
-    q.Where = "globalrecuid = '" + ARecordUID + "'";
-    TJsonObject r = ListRecords(ASchema, q);
-    if (r["records"].empty())
+    const TDBTableDef& table = RequireSchema(ASchema);
+    PrepareRequest(table, AFields);
+    if (!table.FindField("globalrecuid"))
+        throw EVTLRestServiceError(400, "\"" + table.SchemaName + "\" has no record UIDs");
+    TKRRecordSet set(nullptr, MainInterface()->GetDBInterface());
+    PrepareListSet(table, TRecordListQuery{}, set);
+    set.GetFilters()->AddFilter("globalrecuid", TVariant(ARecordUID));
+    set.SetPaging(1, 0);
+    set.Open();
+    if (set.GetRecordCount() == 0)
         throw EVTLRestServiceError(404, "Record not found or permission denied");
     TJsonObject out = TJsonObject::object();
-    out["records"] = std::move(r["records"]);
+    out["records"] = TJsonObject::array({RowToJson(set, 0)});
     return out;
 }
 
+namespace {
+
+bool NoGroup(const TVariant& AValue) {
+    return AValue.IsNull() || AValue.AsInt64() == 0;
+}
+
+// The fields of a table that decide its rows' write access: its own ACL group column and, for a
+// table registered with ACL fields, those fields (each names a row of its lookup table whose
+// rights the row follows). Empty for a table outside record ACLs.
+std::vector<const TDBFieldDef*> ACLDecidingFields(const TDBTableDef& ATable) {
+    std::vector<const TDBFieldDef*> r;
+    TKRACLDataTable reg;
+    if (!TKRACLDataTableController::FindTable(ATable.SQLTableName, reg)) return r;
+    if (const TDBFieldDef* grp = ATable.FindField("globalaclgrp")) r.push_back(grp);
+    for (const auto& name : SplitList(reg.ACLFields))
+        if (const TDBFieldDef* f = ATable.FindField(name); f && f->HasLookup) r.push_back(f);
+    return r;
+}
+
+// The values a statement writes, falling back to AOld (or null) for the fields it leaves alone.
+TVTLRestAPICustomKRRecordSetServiceImpl::TRowValueFunc StatementValues(
+    TClientSQL& AStatement, const TVTLRestAPICustomKRRecordSetServiceImpl::TRowValueFunc* AOld) {
+    return [&AStatement, AOld](const std::string& AName) {
+        if (const TClientSQLField* f = AStatement.GetFields()->FindField(AName))
+            return f->GetValue();
+        return AOld ? (*AOld)(AName) : TVariant();
+    };
+}
+
+}  // namespace
+
 void TVTLRestAPICustomKRRecordSetServiceImpl::CheckWritable(const TDBTableDef& ATable,
-                                                            const TVariant& AACLGroup) {
+                                                            const TRowValueFunc& AValueOf,
+                                                            int ADepth) {
     IUserAccess* access = MainInterface()->GetUserAccess();
     if (!access) return;  // nobody: the host's own work
     if (access->IsReadOnly()) throw EVTLRestServiceError(403, "The user is read-only");
-    TKRACLDataTable reg;
-    if (!TKRACLDataTableController::FindTable(ATable.SQLTableName, reg) || !reg.ACLFields.empty())
-        return;
-    const std::int64_t group = AACLGroup.IsNull() ? 0 : AACLGroup.AsInt64();
-    const std::int32_t mode = access->GetGroupAccessMode(group);
-    if (mode != uamFull && mode != uamReadWrite)
-        throw EVTLRestServiceError(403, "No write access to the record");
+    // Rights chains are short (a link follows its document, a document its folder).
+    if (ADepth > 4) throw EVTLRestServiceError(403, "No write access to the record");
+    for (const TDBFieldDef* f : ACLDecidingFields(ATable)) {
+        const TVariant v = AValueOf(f->Name);
+        if (NoGroup(v)) continue;
+        if (!f->HasLookup || f->Name == "globalaclgrp") {
+            const std::int32_t mode = access->GetGroupAccessMode(v.AsInt64());
+            if (mode != uamFull && mode != uamReadWrite)
+                throw EVTLRestServiceError(403, "No write access to the record");
+            continue;
+        }
+        // The row follows the rights of the row its ACL field names, as this user sees it; a
+        // row that is missing or hidden gives no right.
+        const TDBTableDef* master =
+            MainInterface()->GetDBFieldSchema()->FindTable(f->Lookup.MasterSchema);
+        if (!master) throw EVTLRestServiceError(403, "No write access to the record");
+        TKRRecordSet set(nullptr, MainInterface()->GetDBInterface());
+        set.SetSchemaName(master->SchemaName);
+        set.SetOptions({rsoUserRowRights});
+        set.SetAccessMode(gamRead);
+        const auto masterFields = ACLDecidingFields(*master);
+        if (masterFields.empty()) continue;  // a table outside record ACLs gives no rights
+        for (const TDBFieldDef* m : masterFields) {
+            set.GetSelectFields()->Add(m->Name);
+            set.GetSelectFieldOptions(m->Name).DisableLookupValueLoading = true;
+        }
+        set.GetFilters()->AddFilter(f->Lookup.KeyField,
+                                    TVariant(static_cast<long long>(v.AsInt64())));
+        set.Open();
+        if (set.GetRecordCount() == 0)
+            throw EVTLRestServiceError(403, "No write access to the record");
+        CheckWritable(
+            *master,
+            [&](const std::string& AName) {
+                const int c = set.GetFieldIndex(AName);
+                return c < 0 ? TVariant() : set.ValueByIndex(0, c).GetAsVariant();
+            },
+            ADepth + 1);
+    }
 }
 
 void TVTLRestAPICustomKRRecordSetServiceImpl::FillFields(const TDBTableDef& ATable,
@@ -459,6 +542,15 @@ void TVTLRestAPICustomKRRecordSetServiceImpl::FillFields(const TDBTableDef& ATab
         } else if (!value.is_null()) {
             throw EVTLRestServiceError(400, "Field \"" + key + "\" needs a plain value");
         }
+        // A reference holds a row's key: exactly an integer, so that the rights checked on it
+        // are those of the row that is stored.
+        if (def->HasLookup && !v.IsNull()) {
+            std::int64_t ref = 0;
+            if (!value.is_number_integer() &&
+                !(value.is_string() && TryStrToInt64(value.get<std::string>(), ref)))
+                throw EVTLRestServiceError(400, "Field \"" + key + "\" needs an integer");
+            if (value.is_string()) v = TVariant(static_cast<long long>(ref));
+        }
         if (def->Name == "globalrecuid" && !IsGuid(v.AsString()))
             throw EVTLRestServiceError(400, "globalrecuid must be a GUID in braces");
         AStatement.GetFields()->AddField(def->Name, std::move(v));
@@ -473,20 +565,17 @@ TJsonObject TVTLRestAPICustomKRRecordSetServiceImpl::InsertRecord(const std::str
     sql.SetStatementKind(skInsert);
     sql.SetSchemaName(table.SchemaName);
     FillFields(table, AValues, sql, true);
-    if (table.FindField("globalaclgrp")) {
-        TClientSQLField* grp = sql.GetFields()->FindField("globalaclgrp");
-        if (!grp) {
-            ICurrentUser* user = MainInterface()->GetCurrentUser();
-            if (user && user->GetDefaultACLGroup() != 0)
-                grp = sql.GetFields()->AddField(
-                    "globalaclgrp", TVariant(static_cast<long long>(user->GetDefaultACLGroup())));
-        }
-        CheckWritable(table, grp ? grp->GetValue() : TVariant());
-    } else {
-        CheckWritable(table, TVariant());
+    if (table.FindField("globalaclgrp") && !sql.GetFields()->FindField("globalaclgrp")) {
+        // A new row without a group gets the user's default group.
+        ICurrentUser* user = MainInterface()->GetCurrentUser();
+        if (user && user->GetDefaultACLGroup() != 0)
+            sql.GetFields()->AddField("globalaclgrp",
+                                      TVariant(static_cast<long long>(user->GetDefaultACLGroup())));
     }
     for (auto& h : FHandlers)
         h->BeforeSQLExecute(AValues, table.SchemaName, sql);
+    // The row as it would be written decides, after the handlers had their say.
+    CheckWritable(table, StatementValues(sql, nullptr));
     std::int64_t id = 0;
     sql.ExecuteSQL(id);
     const std::string uid =
@@ -510,29 +599,35 @@ TJsonObject TVTLRestAPICustomKRRecordSetServiceImpl::UpdateRecord(const std::str
     set.SetSchemaName(table.SchemaName);
     set.SetOptions({rsoUserRowRights});
     set.SetAccessMode(gamRead);
-    if (table.FindField("globalaclgrp")) {
-        set.GetSelectFields()->Add("globalaclgrp");
-        set.GetSelectFieldOptions("globalaclgrp").DisableLookupValueLoading = true;
+    for (const TDBFieldDef* f : ACLDecidingFields(table)) {
+        set.GetSelectFields()->Add(f->Name);
+        set.GetSelectFieldOptions(f->Name).DisableLookupValueLoading = true;
     }
     set.GetFilters()->AddFilter("globalrecuid", TVariant(ARecordUID));
     set.Open();
     if (set.GetRecordCount() == 0)
         throw EVTLRestServiceError(404, "Record not found or permission denied");
     const std::int64_t id = set.GetDBIDByRecNo(0);
-    const bool hasGroup = set.GetFieldIndex("globalaclgrp") >= 0;
-    CheckWritable(table, hasGroup ? TVariant(static_cast<long long>(
-                                        set.ValueByName(0, "globalaclgrp").GetRealValue()))
-                                  : TVariant());
+    const TRowValueFunc oldValues = [&](const std::string& AName) {
+        const int c = set.GetFieldIndex(AName);
+        return c < 0 ? TVariant() : set.ValueByIndex(0, c).GetAsVariant();
+    };
+    // The row as it is: a user who may not write it changes nothing in it.
+    CheckWritable(table, oldValues);
 
     TClientSQL sql(nullptr, MainInterface()->GetDBInterface());
     sql.SetStatementKind(skUpdate);
     sql.SetSchemaName(table.SchemaName);
     FillFields(table, AValues, sql, false);
-    if (const TClientSQLField* grp = sql.GetFields()->FindField("globalaclgrp"))
-        CheckWritable(table, grp->GetValue());
     sql.GetFilters()->AddFilter("id", TVariant(static_cast<long long>(id)));
     for (auto& h : FHandlers)
         h->BeforeSQLExecute(AValues, table.SchemaName, sql);
+    // The row as it will be: nobody moves a row into a group or under a row they may not write.
+    const auto deciding = ACLDecidingFields(table);
+    if (std::any_of(deciding.begin(), deciding.end(), [&](const TDBFieldDef* f) {
+            return sql.GetFields()->FindField(f->Name) != nullptr;
+        }))
+        CheckWritable(table, StatementValues(sql, &oldValues));
     if (sql.GetFields()->Count() > 0) sql.ExecuteSQL();
     TJsonObject result = TJsonObject::object();
     AddRecordInfoToJsonResult(ARecordUID, ARecordUID, id, result);

@@ -2,16 +2,22 @@
 // and filter handlers.
 //
 //   GET  /records/<schema>?fields=a,b&where=TEXT&order=a,-b&limit=N&offset=N
-//        [&filter=<identifier>&filter_value=TEXT]        -> {"records": [...], ...}
+//        [&filter=<identifier>&filter_value=TEXT]
+//        -> {"records": [...], "offset": N, "limit": N, "total": N}
 //   GET  /records/<schema>/<record UID>[?fields=...]    -> {"records": [row]}
 //   POST /records/<schema>           JSON object of values  -> {"record_info": [...]}
 //   PUT  /records/<schema>/<record UID>                     -> {"record_info": [...]}
 //   GET  /filters/<schema>                               -> {"filters": [...]}
 //
 // Reads run with the current user's row rights: a row the user may not read is not listed and
-// reads as 404. Writes need a user that isn't read-only and, on a table registered for record
-// ACLs, a writing mode in the row's ACL group (old and new). A where-text goes through the
-// where-clause parser; every field name is checked against the schema and every value is bound.
+// reads as 404. A list is one page that the database cuts out (LIMIT/OFFSET bound as values) in
+// the order asked for, completed by the key; "total" counts all rows of the query. A page holds at
+// most MaxPageSize rows, which is also the page without a limit; a larger limit gets 400.
+// Writes need a user that isn't read-only and, on a table registered for record ACLs, a writing
+// mode (0 or 2) in the row's ACL group and write access to each row that its ACL fields name, for
+// the row as it is and as it will be; otherwise 403 before anything is written. A where-text goes
+// through the where-clause parser; every field name is checked against the schema and every value
+// is bound.
 // The host's own tables of users and settings are not served.
 //
 // A field mapping gives a column another JSON name, for output and input alike. A detail handler
@@ -159,12 +165,23 @@ class TVTLRestAPICustomKRRecordSetServiceImpl : public TVTLCustomRestService {
 
     // Schemas the service never serves.
     static bool IsPrivateSchema(const std::string& ASchema);
+    // The most rows a list answers at once (the server's setting).
+    static std::int64_t MaxPageSize();
+
+    // A row's value by field name (null when the row has none).
+    using TRowValueFunc = std::function<TVariant(const std::string& AFieldName)>;
 
   private:
     const TDBTableDef& RequireSchema(const std::string& ASchema);
     void PrepareRequest(const TDBTableDef& ATable, const std::string& AFields);
+    // The list query on the set: select fields, where-text, filter handler and order.
+    void PrepareListSet(const TDBTableDef& ATable, const TRecordListQuery& AQuery,
+                        TKRRecordSet& ASet);
     TJsonObject RowToJson(TKRRecordSet& ASet, int ARecNo);
-    void CheckWritable(const TDBTableDef& ATable, const TVariant& AACLGroup);
+    // Raises 403 unless the current user may write a row of the table with these values: not
+    // read-only, and on a table registered for record ACLs a writing mode (0 or 2) in the row's
+    // ACL group and write access to each row that its ACL fields name.
+    void CheckWritable(const TDBTableDef& ATable, const TRowValueFunc& AValueOf, int ADepth = 0);
     void FillFields(const TDBTableDef& ATable, const TJsonObject& AValues, TClientSQL& AStatement,
                     bool AInsert);
 

@@ -109,6 +109,7 @@ TRestServerOptions RestServerOptionsFromConfig(const TDocAdminConfig& AConfig) {
                                         "tls_key",
                                         "access_log",
                                         "compact_json",
+                                        "max_page_size",
                                         "simulate_error_status",
                                         "allow_simulate_error_header",
                                         "login_throttle_after",
@@ -153,6 +154,9 @@ TRestServerOptions RestServerOptionsFromConfig(const TDocAdminConfig& AConfig) {
     h.AccessLog = str("access_log", "-");
     o.SessionIdleTimeout = std::chrono::minutes(IntSetting(s, "session_idle_minutes", 30));
     o.Service.CompactJson = flag("compact_json", true);
+    o.Service.MaxRecordPageSize = IntSetting(s, "max_page_size", 1000);
+    if (o.Service.MaxRecordPageSize < 1)
+        throw EConfigError("server.max_page_size must be at least 1");
     o.Service.SimulateErrorStatus = static_cast<int>(IntSetting(s, "simulate_error_status", 0));
     o.Service.AllowSimulateErrorHeader = flag("allow_simulate_error_header", false);
     o.LoginThrottleAfter = static_cast<int>(IntSetting(s, "login_throttle_after", 5));
@@ -538,6 +542,10 @@ std::string TVTLRestServer::BuildOpenAPI() const {
     auto query = [](const char* name, const char* type) {
         return TJsonObject{{"name", name}, {"in", "query"}, {"schema", {{"type", type}}}};
     };
+    TJsonObject limitParam = query("limit", "integer");
+    limitParam["schema"]["minimum"] = 0;
+    limitParam["schema"]["maximum"] = FOptions.Service.MaxRecordPageSize;
+    limitParam["schema"]["default"] = FOptions.Service.MaxRecordPageSize;
     const TJsonObject rows = {{"description", "rows"}};
     const TJsonObject values = {
         {"content", {{"application/json", {{"schema", {{"type", "object"}}}}}}}};
@@ -545,7 +553,7 @@ std::string TVTLRestServer::BuildOpenAPI() const {
         {"summary", "Lists rows"},
         {"parameters",
          {schemaParam, query("fields", "string"), query("where", "string"),
-          query("order", "string"), query("limit", "integer"), query("offset", "integer"),
+          query("order", "string"), limitParam, query("offset", "integer"),
           query("filter", "string"), query("filter_value", "string")}},
         {"responses", {{"200", rows}, {"400", errorRef}, {"404", errorRef}}}};
     paths["/records/{schema}"]["post"] = {

@@ -354,6 +354,49 @@ TEST_P(DBRecordSet, WhereTextsMatchValuesLiterallyAndRejectForeignNames) {
     EXPECT_EQ(run("").size(), 5u) << "the table is still there";
 }
 
+TEST_P(DBRecordSet, PagesComeFromTheDatabaseInATotalOrderAndCountWithTheFilters) {
+    // Eleven rows with only three distinct companies: the key breaks the ties.
+    for (int i = 0; i < 11; ++i)
+        Insert("contacts", {{"name", "n" + std::to_string(i)},
+                            {"company", std::string(1, static_cast<char>('a' + i % 3))}});
+    const V expected = {"n2", "n5", "n8", "n1", "n4", "n7", "n10", "n0", "n3", "n6", "n9"};
+    auto rs = Set("contacts");
+    rs->GetSelectFields()->Add("name");
+    rs->GetOrderFields()->SetOrder("company", false);
+    for (const std::int64_t limit : {1, 3, 4, 11}) {
+        V paged;
+        for (std::int64_t offset = 0;; offset += limit) {
+            rs->SetPaging(limit, offset);
+            rs->Open();
+            ASSERT_LE(rs->GetRecordCount(), limit);
+            if (rs->GetRecordCount() == 0) break;
+            for (const auto& n : Column(*rs, "name"))
+                paged.push_back(n);
+        }
+        EXPECT_EQ(paged, expected) << "limit " << limit;  // no row twice, none skipped
+    }
+    rs->SetPaging(-1, 9);  // an offset alone
+    rs->Open();
+    EXPECT_EQ(rs->GetRecordCount(), 2);
+    rs->SetPaging(0, 0);
+    rs->Open();
+    EXPECT_EQ(rs->GetRecordCount(), 0);
+    EXPECT_EQ(rs->CountRecords(), 11);
+    rs->SetPaging(5, 100);
+    rs->Open();
+    EXPECT_EQ(rs->GetRecordCount(), 0);
+
+    // Filters narrow the page and the count alike.
+    rs->Close();
+    rs->GetFilters()->AddFilter("company", "b");
+    rs->SetPaging(2, 2);
+    rs->Open();
+    EXPECT_EQ(Column(*rs, "name"), V({"n7", "n10"}));
+    EXPECT_EQ(rs->CountRecords(), 4);
+    EXPECT_THROW(rs->SetPaging(-2, 0), EDBException);
+    EXPECT_THROW(rs->SetPaging(1, -1), EDBException);
+}
+
 DB_INSTANTIATE(DBRecordSet);
 
 }  // namespace

@@ -8,6 +8,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
 
 #include <unistd.h>
@@ -26,30 +27,62 @@ inline std::string PGConnInfo() {
     return line;
 }
 
+inline bool RunningInCI() {
+    const char* ci = std::getenv("CI");
+    return ci && std::string(ci) == "true";
+}
+
+// In a fixture's SetUp: the test server's conninfo into AVar, or skip the test when scripts/pg-peer
+// started no server (under CI=true a missing server fails the test instead).
+#define DOCADMIN_PG_CONNINFO_OR_SKIP(AVar)                                          \
+    const std::string AVar = ::docadmin::testing::PGConnInfo();                     \
+    if (AVar.empty()) {                                                             \
+        if (::docadmin::testing::RunningInCI()) FAIL() << "no PostgreSQL server";   \
+        GTEST_SKIP() << "no PostgreSQL server (scripts/pg-peer did not start one)"; \
+    }
+
+// A schema of its own on the test server, so that cases can run in parallel; dropped with the
+// object, which must outlive every connection into it.
+class TPGTestSchema {
+  public:
+    explicit TPGTestSchema(const std::string& AServerConnInfo)
+        : FTag("t" + std::to_string(::getpid()) + "_" + std::to_string(std::rand())) {
+        TDatabaseParams admin;
+        admin.Backend = "postgresql";
+        admin.ConnInfo = AServerConnInfo;
+        admin.UpgradeSchema = false;
+        FAdmin = OpenDatabase(admin);
+        FAdmin->AcquireConnection(0)->ExecDirect("CREATE SCHEMA " + FTag);
+        FConnInfo = AServerConnInfo + " options='-c search_path=" + FTag + "'";
+    }
+    ~TPGTestSchema() {
+        FAdmin->AcquireConnection(0)->ExecDirect("DROP SCHEMA " + FTag + " CASCADE");
+    }
+    TPGTestSchema(const TPGTestSchema&) = delete;
+    TPGTestSchema& operator=(const TPGTestSchema&) = delete;
+    // Connects into the schema.
+    const std::string& ConnInfo() const { return FConnInfo; }
+
+  private:
+    std::string FTag;
+    std::string FConnInfo;
+    IPtr<IDBInterface> FAdmin;
+};
+
 class DBTest : public ::testing::TestWithParam<std::string> {
   protected:
     void SetUp() override {
-        const std::string name = ::testing::UnitTest::GetInstance()->current_test_info()->name();
-        FTag = "t" + std::to_string(::getpid()) + "_" + std::to_string(std::rand());
         TDatabaseParams p;
         p.Backend = GetParam();
         if (GetParam() == "sqlite") {
-            FFile = std::filesystem::temp_directory_path() / ("docadmin_db_" + FTag + ".sqlite");
+            FFile = std::filesystem::temp_directory_path() /
+                    ("docadmin_db_" + std::to_string(::getpid()) + "_" +
+                     std::to_string(std::rand()) + ".sqlite");
             p.SQLitePath = FFile.string();
         } else {
-            const std::string conninfo = PGConnInfo();
-            if (conninfo.empty()) {
-                const char* ci = std::getenv("CI");
-                if (ci && std::string(ci) == "true") FAIL() << "no PostgreSQL server for " << name;
-                GTEST_SKIP() << "no PostgreSQL server (scripts/pg-peer did not start one)";
-            }
-            TDatabaseParams admin;
-            admin.Backend = "postgresql";
-            admin.ConnInfo = conninfo;
-            admin.UpgradeSchema = false;
-            FAdmin = OpenDatabase(admin);
-            FAdmin->AcquireConnection(0)->ExecDirect("CREATE SCHEMA " + FTag);
-            p.ConnInfo = conninfo + " options='-c search_path=" + FTag + "'";
+            DOCADMIN_PG_CONNINFO_OR_SKIP(conninfo);
+            FSchema = std::make_unique<TPGTestSchema>(conninfo);
+            p.ConnInfo = FSchema->ConnInfo();
         }
         FParams = p;
         DB = OpenDatabase(p);
@@ -57,7 +90,7 @@ class DBTest : public ::testing::TestWithParam<std::string> {
 
     void TearDown() override {
         DB.reset();
-        if (FAdmin) FAdmin->AcquireConnection(0)->ExecDirect("DROP SCHEMA " + FTag + " CASCADE");
+        FSchema.reset();
         if (!FFile.empty()) {
             std::error_code ec;
             for (const char* suffix : {"", "-wal", "-shm"})
@@ -99,9 +132,8 @@ class DBTest : public ::testing::TestWithParam<std::string> {
     TDatabaseParams FParams;
 
   private:
-    std::string FTag;
     std::filesystem::path FFile;
-    IPtr<IDBInterface> FAdmin;
+    std::unique_ptr<TPGTestSchema> FSchema;
 };
 
 inline std::string BackendName(const ::testing::TestParamInfo<std::string>& info) {

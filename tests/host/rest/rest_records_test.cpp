@@ -1,4 +1,4 @@
-// The record REST service over real HTTP on the "contacts" table.
+// The record REST service over real HTTP on the "contacts" table, on SQLite and on PostgreSQL.
 #include "_TKRACLDataTableController.h"
 #include "_TVTLRestAPICustomKRRecordSetServiceImpl.h"
 #include "rest_test_support.h"
@@ -35,10 +35,12 @@ class TShoutDetail : public TVTLRestAPIDatabaseCustomDetailTableHandler {
     std::string FJSONName;
 };
 
-class RestRecords : public TRestServerFixture {
+class RestRecords : public TRestServerFixture, public ::testing::WithParamInterface<std::string> {
   protected:
+    std::string Backend() const override { return GetParam(); }
     void SetUp() override {
         TRestServerFixture::SetUp();
+        if (IsSkipped() || HasFatalFailure()) return;
         StartServer();
         FToken = Login("alice");
         for (const char* n : {"Adams", "Baker", "Clark", "Davis", "Evans"})
@@ -49,10 +51,15 @@ class RestRecords : public TRestServerFixture {
         EXPECT_EQ(a.Status, AStatus) << ATarget << " " << a.Body;
         return json::parse(a.Body);
     }
-    json Insert(const std::string& ABody, int AStatus = 201, const std::string& AToken = "") {
-        const auto a = Call("POST", "/records/contacts", ABody, AToken.empty() ? FToken : AToken);
+    json Insert(const std::string& ABody, int AStatus = 201, const std::string& AToken = "",
+                const std::string& ASchema = "contacts") {
+        const auto a = Call("POST", "/records/" + ASchema, ABody, AToken.empty() ? FToken : AToken);
         EXPECT_EQ(a.Status, AStatus) << ABody << " " << a.Body;
         return json::parse(a.Body);
+    }
+    int Put(const std::string& ASchema, const std::string& AUID, const std::string& ABody,
+            const std::string& AToken) {
+        return Call("PUT", "/records/" + ASchema + "/" + AUID, ABody, AToken).Status;
     }
     static std::vector<std::string> Names(const json& AList) {
         std::vector<std::string> r;
@@ -63,11 +70,7 @@ class RestRecords : public TRestServerFixture {
     std::string FToken;
 };
 
-TEST_F(RestRecords, ListsReadsInsertsUpdatesAndPages) {
-    EXPECT_EQ(Names(Get("/records/contacts?fields=name&order=-name&limit=2&offset=1")),
-              (std::vector<std::string>{"Davis", "Clark"}));
-    EXPECT_EQ(Get("/records/contacts?limit=2&offset=4")["records"].size(), 1u);
-    EXPECT_EQ(Get("/records/contacts?offset=9")["records"].size(), 0u);
+TEST_P(RestRecords, ListsReadsInsertsAndUpdates) {
     const json one = Get("/records/contacts?fields=name,globalrecuid&where=name%3D'Baker'");
     ASSERT_EQ(one["records"].size(), 1u);
     EXPECT_EQ(one["records"][0].size(), 3u);  // id, name, globalrecuid
@@ -98,7 +101,44 @@ TEST_F(RestRecords, ListsReadsInsertsUpdatesAndPages) {
     EXPECT_EQ(Call("GET", "/records/contacts").Status, 401);
 }
 
-TEST_F(RestRecords, WhereTextsAreParsedAndTheirValuesBound) {
+TEST_P(RestRecords, PagesNeitherOverlapNorSkipAndCountWithTheWhereText) {
+    // All rows share the company, so only the key orders them within it.
+    std::vector<std::string> paged;
+    for (int offset = 0; offset < 8; offset += 2) {
+        const json page = Get("/records/contacts?fields=name&order=company&limit=2&offset=" +
+                              std::to_string(offset));
+        EXPECT_EQ(page["total"], 5);
+        for (const auto& n : Names(page))
+            paged.push_back(n);
+    }
+    EXPECT_EQ(paged, (std::vector<std::string>{"Adams", "Baker", "Clark", "Davis", "Evans"}));
+    EXPECT_EQ(Names(Get("/records/contacts?fields=name&order=-name&limit=2&offset=1")),
+              (std::vector<std::string>{"Davis", "Clark"}));
+    const json beyond = Get("/records/contacts?limit=2&offset=5");
+    EXPECT_EQ(beyond["records"].size(), 0u);
+    EXPECT_EQ(beyond["total"], 5);
+    const json where = Get("/records/contacts?fields=name&limit=1&offset=1&where=" +
+                           PercentEncodeForTest("name IN ('Adams','Clark','Evans')"));
+    EXPECT_EQ(Names(where), (std::vector<std::string>{"Clark"}));
+    EXPECT_EQ(where["total"], 3);
+    for (const char* bad : {"limit=1%3B%20DROP%20TABLE%20contacts", "offset=-1", "limit=-2"})
+        Get(std::string("/records/contacts?") + bad, 400);
+
+    // Above the maximum page size a clear 400; without a limit one page of that size.
+    FServer.reset();
+    FOptions.Service.MaxRecordPageSize = 3;
+    StartServer();
+    FToken = Login("alice");
+    const json capped = Get("/records/contacts");
+    EXPECT_EQ(capped["records"].size(), 3u);
+    EXPECT_EQ(capped.value("limit", -1), 3);
+    EXPECT_EQ(capped["total"], 5);
+    EXPECT_EQ(Get("/records/contacts?limit=4", 400).value("/error/message"_json_pointer, ""),
+              "limit must be at most 3; page with offset");
+    EXPECT_EQ(Get("/records/contacts?limit=3&offset=3")["records"].size(), 2u);
+}
+
+TEST_P(RestRecords, WhereTextsAreParsedAndTheirValuesBound) {
     EXPECT_EQ(Names(Get("/records/contacts?fields=name&where=" +
                         PercentEncodeForTest("name IN ('Adams','Evans') OR name LIKE 'C%'"))),
               (std::vector<std::string>{"Adams", "Clark", "Evans"}));
@@ -114,7 +154,7 @@ TEST_F(RestRecords, WhereTextsAreParsedAndTheirValuesBound) {
         Get("/records/contacts?where=" + PercentEncodeForTest(bad), 400);
 }
 
-TEST_F(RestRecords, RowRightsOfTwoUsers) {
+TEST_P(RestRecords, RowRightsOfTwoUsers) {
     TKRACLDataTableController acl(nullptr);
     acl.AddTable("contacts", TACLTableType::atDefault, "", "Contacts");
     const std::int64_t group = FHost->Users().AddACLGroup("sales", "");
@@ -142,7 +182,77 @@ TEST_F(RestRecords, RowRightsOfTwoUsers) {
     EXPECT_EQ(Call("PUT", "/records/contacts/" + uid, R"({"name":"Ours"})", FToken).Status, 200);
 }
 
-TEST_F(RestRecords, DetailHandlersMappingsAndFilterHandlers) {
+TEST_P(RestRecords, WritesNeedAWritingModeInTheRowsGroupAndInTheRowsItsACLFieldsName) {
+    TKRACLDataTableController acl(nullptr);
+    acl.AddTable("contacts", TACLTableType::atDefault, "", "Contacts");
+    acl.AddTable("contact_details", TACLTableType::atFields, "contactid", "Contact details");
+    const std::int64_t sales = FHost->Users().AddACLGroup("sales", "");
+    const std::int64_t hr = FHost->Users().AddACLGroup("hr", "");
+    FHost->Users().SetUserACLMode(FAlice, sales, uamFull);
+    FHost->Users().SetUserACLMode(FBob, hr, uamFull);
+    const std::string bob = Login("bob");
+    const auto setBobMode = [&](TUserACLMode AMode) {
+        FHost->Users().SetUserACLMode(FBob, sales, AMode);
+        FHost->UserAccessFor(FBob)->Invalidate();
+    };
+    const auto contact = [&](const char* AName, std::int64_t AGroup, const std::string& AToken) {
+        return Insert(R"({"name":")" + std::string(AName) + R"(","globalaclgrp":)" +
+                          std::to_string(AGroup) + "}",
+                      201, AToken)["record_info"][0]["dbid"]
+            .get<std::int64_t>();
+    };
+    const std::string salesContact = std::to_string(contact("S", sales, FToken));
+    const std::string hrContact = std::to_string(contact("H", hr, bob));
+    const auto detail = [&](const std::string& AContact, int AStatus, const std::string& AToken) {
+        const json r = Insert(R"({"contactid":)" + AContact + R"(,"kind":"phone","value":"1"})",
+                              AStatus, AToken, "contact_details");
+        return AStatus == 201 ? r["record_info"][0]["server_uid"].get<std::string>() : "";
+    };
+    const auto stored = [&] {  // every row, as the host sees the table
+        TKRRecordSet set(nullptr, FHost->GetDBInterface());
+        set.SetSchemaName("contact_details");
+        return set.CountRecords();
+    };
+    const auto contactOf = [&](const std::string& AUID) {  // as Bob sees it
+        const json r = Get("/records/contact_details/" + AUID + "?fields=contactid", 200, bob);
+        return std::to_string(r["records"][0]["contactid"].get<std::int64_t>());
+    };
+
+    detail(salesContact, 403, bob);  // a row under a contact Bob can't see
+    EXPECT_EQ(stored(), 0);
+    const std::string bobs = detail(hrContact, 201, bob);
+    const std::string alices = detail(salesContact, 201, FToken);
+    EXPECT_EQ(Put("contact_details", alices, R"({"value":"2"})", bob), 404);
+
+    setBobMode(uamReadOnly);
+    EXPECT_EQ(Get("/records/contact_details/" + alices, 200, bob)["records"][0]["value"], "1");
+    EXPECT_EQ(Put("contact_details", alices, R"({"value":"2"})", bob), 403);
+    detail(salesContact, 403, bob);
+    EXPECT_EQ(Put("contact_details", bobs, R"({"contactid":)" + salesContact + "}", bob), 403);
+    EXPECT_EQ(contactOf(bobs), hrContact);
+    // A new row without a group takes the user's default group, and that decides.
+    FHost->Users().SetDefaultACLGroup("bob", sales);
+    FHost->UserAccessFor(FBob)->Invalidate();
+    Insert(R"({"name":"Default"})", 403, bob);
+    EXPECT_EQ(stored(), 2);
+    EXPECT_EQ(Get("/records/contact_details/" + alices)["records"][0]["value"], "1");
+
+    setBobMode(uamReadWrite);  // mode 2 writes as mode 0 does
+    EXPECT_EQ(Put("contact_details", alices, R"({"value":"2"})", bob), 200);
+    EXPECT_EQ(Put("contact_details", bobs, R"({"contactid":)" + salesContact + "}", bob), 200);
+    EXPECT_EQ(contactOf(bobs), salesContact);
+    const std::string uid =
+        Insert(R"({"name":"Default"})", 201, bob)["record_info"][0]["server_uid"];
+    EXPECT_EQ(
+        Get("/records/contacts/" + uid + "?fields=globalaclgrp")["records"][0]["globalaclgrp"],
+        sales);
+    // No contact gives no rights to check; a reference must be a row's key.
+    detail("0", 201, bob);
+    detail("987654", 403, bob);
+    detail(R"("x")", 400, bob);
+}
+
+TEST_P(RestRecords, DetailHandlersMappingsAndFilterHandlers) {
     TVTLRestAPIDatabaseCustomDetailTableHandler::RegisterDetailHandler<TShoutDetail>("*");
     TVTLRestAPICustomKRRecordSetServiceImpl::RegisterFieldMapping("contacts", "name", "fullName");
     TKRFilterHandlerClient filters(nullptr);
@@ -175,5 +285,7 @@ TEST_F(RestRecords, DetailHandlersMappingsAndFilterHandlers) {
     TVTLRestAPIDatabaseCustomDetailTableHandler::UnRegisterDetailHandler<TShoutDetail>("*");
     EXPECT_FALSE(Get("/records/contacts?fields=name,shout", 400).contains("records"));
 }
+
+DB_INSTANTIATE(RestRecords);
 
 }  // namespace

@@ -1,5 +1,6 @@
-// A started REST server on a free loopback port over a host on a fresh SQLite database, and a
-// small blocking HTTP client on plain sockets (so that tests can also send broken requests).
+// A started REST server on a free loopback port over a host on a fresh database (SQLite, or a
+// schema of its own on the test PostgreSQL server), and a small blocking HTTP client on plain
+// sockets (so that tests can also send broken requests).
 #pragma once
 
 #include <arpa/inet.h>
@@ -9,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <memory>
@@ -17,6 +19,7 @@
 
 #include "_THost.h"
 #include "_TVTLRestServer.h"
+#include "host/db/db_test_support.h"
 
 namespace docadmin::test {
 
@@ -115,15 +118,24 @@ class TTestClient {
 // A host with users "alice" and "bob" (password "password-1") and a server on a free port.
 class TRestServerFixture : public ::testing::Test {
   protected:
+    // "sqlite" or "postgresql".
+    virtual std::string Backend() const { return "sqlite"; }
+
     void SetUp() override {
+        std::string name = ::testing::UnitTest::GetInstance()->current_test_info()->name();
+        std::replace(name.begin(), name.end(), '/', '_');  // parameterised: "Case/sqlite"
         FDir = std::filesystem::temp_directory_path() /
-               ("rest_" + std::to_string(getpid()) + "_" +
-                ::testing::UnitTest::GetInstance()->current_test_info()->name());
+               ("rest_" + std::to_string(getpid()) + "_" + name);
         std::filesystem::remove_all(FDir);
         std::filesystem::create_directories(FDir);
-        FHost = std::make_unique<THost>(
-            TDocAdminConfig::FromString("data_dir = \"" + FDir.string() + "\"\n", ""), rmServer,
-            1000);
+        std::string config = "data_dir = \"" + FDir.string() + "\"\n";
+        if (Backend() == "postgresql") {
+            DOCADMIN_PG_CONNINFO_OR_SKIP(conninfo);
+            FPGSchema = std::make_unique<docadmin::testing::TPGTestSchema>(conninfo);
+            config += "[databases.main]\nbackend = \"postgresql\"\nconninfo = \"" +
+                      FPGSchema->ConnInfo() + "\"\n";
+        }
+        FHost = std::make_unique<THost>(TDocAdminConfig::FromString(config, ""), rmServer, 1000);
         TUserInfo u;
         u.UserName = "alice";
         FAlice = FHost->Users().AddUser(u, "password-1");
@@ -137,6 +149,7 @@ class TRestServerFixture : public ::testing::Test {
     void TearDown() override {
         FServer.reset();
         FHost.reset();
+        FPGSchema.reset();
         std::filesystem::remove_all(FDir);
     }
     void StartServer() {
@@ -158,6 +171,7 @@ class TRestServerFixture : public ::testing::Test {
     }
 
     std::filesystem::path FDir;
+    std::unique_ptr<docadmin::testing::TPGTestSchema> FPGSchema;
     std::unique_ptr<THost> FHost;
     std::int64_t FAlice = 0;
     std::int64_t FBob = 0;
