@@ -58,7 +58,7 @@ TdmDocAdminMain::TdmDocAdminMain(TClientPluginBase* AOwner) : TPluginBaseDataMod
     CreateComponents();
     if (IMainInterface* mi = GetMainInterface())
         if (IRessourceSourceList* sources = mi->GetRessourceSources())
-            sources->Add(DocAdminPluginGUID, static_cast<IRessourceSource*>(this));
+            sources->Add(DocAdminPluginGUID, RessourceSource());
     if (Plugin()) Plugin()->SetShortName(DocAdminShortName);
     if (TdmDocAdminRepository* repo = TdmDocAdminRepository::Instance())
         repo->SetDocAdminInt(static_cast<IExtFuncPluginDocAdmin*>(this));
@@ -141,10 +141,10 @@ void TdmDocAdminMain::BeforeDestruction() {
     // A copy: a notifier may remove itself while it is told.
     const std::vector<IPtr<IRessourceSourceNotify>> notifiers = FRessourceSourceNotifyList;
     for (const IPtr<IRessourceSourceNotify>& n : notifiers)
-        n->Do_SourceNotify(static_cast<IRessourceSource*>(this), 0);
+        n->Do_SourceNotify(RessourceSource(), 0);
     if (IMainInterface* mi = GetMainInterface())
         if (IRessourceSourceList* sources = mi->GetRessourceSources()) {
-            const std::int32_t i = sources->IndexOf(static_cast<IRessourceSource*>(this));
+            const std::int32_t i = sources->IndexOf(RessourceSource());
             if (i >= 0) sources->Delete(i);
         }
 }
@@ -165,7 +165,7 @@ HRESULT TdmDocAdminMain::QueryInterface(const TGUID& iid, void** obj) {
         return S_OK;
     }
     if (iid == IRessourceSource::IID) {
-        *obj = static_cast<IRessourceSource*>(this);
+        *obj = RessourceSource();
         return S_OK;
     }
     *obj = nullptr;

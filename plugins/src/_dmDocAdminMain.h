@@ -6,7 +6,10 @@
 // takes a document's resource links with it when its row is deleted.
 //
 // Interfaces: IExtFuncPluginDocAdmin (with its three ancestors) and IRessourceSource, answered by
-// one QueryInterface. The object lives as long as the module; references to it don't count.
+// one QueryInterface. IRessourceSource is implemented by a part object that forwards to this one,
+// so that the data module has a single IInterface base (the host finds external interfaces through
+// it); QueryInterface on either answers both. The object lives as long as the module; references
+// to it don't count.
 //
 // The module is a server build without forms: the dialog operations answer false and leave their
 // outputs alone, and showing a folder does nothing.
@@ -54,9 +57,7 @@ inline const std::string DocumentsServicesIdentifier = "{7291FAEA-36AF-4E36-92A0
 // The script global through which scripts reach this module.
 inline const std::string DocAdminScriptGlobal = "DocAdminModule";
 
-class TdmDocAdminMain : public TPluginBaseDataModule,
-                        public IExtFuncPluginDocAdmin,
-                        public IRessourceSource {
+class TdmDocAdminMain : public TPluginBaseDataModule, public IExtFuncPluginDocAdmin {
   public:
     explicit TdmDocAdminMain(TClientPluginBase* AOwner);
     ~TdmDocAdminMain() override;
@@ -131,16 +132,18 @@ class TdmDocAdminMain : public TPluginBaseDataModule,
     bool Get_IsRemoteServerStore() override;
     void Do_DeleteDeadLinkPluginDocuments() override;
 
-    // IRessourceSource
-    std::int32_t Get_ContainerCount() override { return 1; }
-    std::int32_t Get_ContainerInfo(std::int32_t AIndex, IPtr<IInterface>& AContainer) override;
-    std::string Get_Caption() override;
-    bool Get_Enabled() override { return true; }
+    // IRessourceSource, in slot order
+    IRessourceSource* RessourceSource() { return &FRessourceSource; }
+    std::int32_t Get_ContainerCount() { return 1; }
+    std::int32_t Get_ContainerInfo(std::int32_t AIndex, IPtr<IInterface>& AContainer);
+    std::string Get_Caption();
+    bool Get_Enabled() { return true; }
     // Resource containers of records aren't offered yet: answers nil.
     IPtr<IRessourceContainer> GetRessourceContainer(const std::string& AResIdentifier,
-                                                    std::int64_t AResID) override;
-    void Do_AddNotifier(IRessourceSourceNotify* ANotifier) override;
-    void Do_RemoveNotifier(IRessourceSourceNotify* ANotifier) override;
+                                                    std::int64_t AResID);
+    void Do_AddNotifier(IRessourceSourceNotify* ANotifier);
+    // Removes one registration of the notifier, if there is one.
+    void Do_RemoveNotifier(IRessourceSourceNotify* ANotifier);
 
     // The delete listener's handler: link rows go with their document.
     void KRSQLDeleteNotifyListenerExecute(TObject* Sender, IKRSQLDeleteNotify* AEvent);
@@ -159,6 +162,35 @@ class TdmDocAdminMain : public TPluginBaseDataModule,
     std::size_t NotifierCount() const { return FRessourceSourceNotifyList.size(); }
 
   private:
+    class TRessourceSourcePart : public IRessourceSource {
+      public:
+        explicit TRessourceSourcePart(TdmDocAdminMain& AOwner) : FOwner(AOwner) {}
+        HRESULT QueryInterface(const TGUID& iid, void** obj) override {
+            return FOwner.QueryInterface(iid, obj);
+        }
+        std::int32_t _AddRef() override { return -1; }
+        std::int32_t _Release() override { return -1; }
+        std::int32_t Get_ContainerCount() override { return FOwner.Get_ContainerCount(); }
+        std::int32_t Get_ContainerInfo(std::int32_t AIndex, IPtr<IInterface>& AContainer) override {
+            return FOwner.Get_ContainerInfo(AIndex, AContainer);
+        }
+        std::string Get_Caption() override { return FOwner.Get_Caption(); }
+        bool Get_Enabled() override { return FOwner.Get_Enabled(); }
+        IPtr<IRessourceContainer> GetRessourceContainer(const std::string& AResIdentifier,
+                                                        std::int64_t AResID) override {
+            return FOwner.GetRessourceContainer(AResIdentifier, AResID);
+        }
+        void Do_AddNotifier(IRessourceSourceNotify* ANotifier) override {
+            FOwner.Do_AddNotifier(ANotifier);
+        }
+        void Do_RemoveNotifier(IRessourceSourceNotify* ANotifier) override {
+            FOwner.Do_RemoveNotifier(ANotifier);
+        }
+
+      private:
+        TdmDocAdminMain& FOwner;
+    };
+
     void CreateComponents();
     void LoadIconSettings();
     void CheckExtFuncIndex(std::int32_t AIndex) const;
@@ -170,6 +202,7 @@ class TdmDocAdminMain : public TPluginBaseDataModule,
     TKRFilterHandlerClient* FKRFilterHandlerClient = nullptr;
     TVTLBIAPIClient* FVTLBIAPIClient = nullptr;
     std::vector<IPtr<IRessourceSourceNotify>> FRessourceSourceNotifyList;
+    TRessourceSourcePart FRessourceSource{*this};
 };
 
 }  // namespace docadmin

@@ -590,6 +590,9 @@ void TDocDirectoryRoot::LoadChildDirectories() {
         throw;
     }
     FLoadingRoot = false;
+    // The folder the path named became the root with the loading state it had; when its
+    // children weren't read on the way, read them now, so that the first count is the right one.
+    if (!FLoadingState.Contains(lsChildDirectoriesLoaded)) TDocDirectory::LoadChildDirectories();
 }
 
 void TDocDirectoryRoot::LoadRoot() {

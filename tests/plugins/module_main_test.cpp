@@ -31,7 +31,7 @@ TEST_P(ModuleMain, ServerAndToolStartAlikeAndTheEndUndoesTheRegistrations) {
         SCOPED_TRACE(static_cast<int>(mode));
         if (!Restart(mode)) GTEST_SKIP() << "no PostgreSQL server";
         TdmDocAdminMain& main = FModule->Main();
-        IRessourceSource* source = &main;
+        IRessourceSource* source = main.RessourceSource();
 
         EXPECT_EQ(FModule->Plugin()->ShortName(), "DocAdmin");
         EXPECT_EQ(Repo().DocAdminInt(), FModule->Docs());
@@ -39,8 +39,8 @@ TEST_P(ModuleMain, ServerAndToolStartAlikeAndTheEndUndoesTheRegistrations) {
         EXPECT_EQ(FHost->Sources.Items[0].first, DocAdminPluginGUID);
         EXPECT_EQ(FHost->Sources.Item(0), source);
         TScriptGlobalVar global;
-        ASSERT_TRUE(TVTLFrameworkScriptGlobalFunctions::FindGlobalScriptVar("DocAdminModule",
-                                                                            global));
+        ASSERT_TRUE(
+            TVTLFrameworkScriptGlobalFunctions::FindGlobalScriptVar("DocAdminModule", global));
         EXPECT_EQ(global.TypeName, "DIExtFuncPluginDocAdmin");
         EXPECT_TRUE(Supports<IExtFuncPluginDocAdmin>(global.Value.get()));
 
@@ -74,13 +74,14 @@ TEST_P(ModuleMain, ServerAndToolStartAlikeAndTheEndUndoesTheRegistrations) {
                   ".\\custom\\plugin\\images");
         EXPECT_EQ(FHost->LocalSettings().ReadString("DocAdmin", "IconExt", ""), ".mine");
 
+        global = {};
         IPtr<TSourceNotify> notify(new TSourceNotify);
-        main.Do_AddNotifier(notify.get());
+        source->Do_AddNotifier(notify.get());
         FModule->Stop();
         EXPECT_EQ(notify->Told, (decltype(notify->Told){{source, 0}}));
         EXPECT_EQ(FHost->Sources.Count(), 0);
-        EXPECT_FALSE(TVTLFrameworkScriptGlobalFunctions::FindGlobalScriptVar("DocAdminModule",
-                                                                             global));
+        EXPECT_FALSE(
+            TVTLFrameworkScriptGlobalFunctions::FindGlobalScriptVar("DocAdminModule", global));
         EXPECT_FALSE(TKRACLDataTableController::FindTable("docadmindocs", t));
         EXPECT_EQ(TdmDocAdminMain::Instance(), nullptr);
         EXPECT_EQ(TdmDocAdminRepository::Instance(), nullptr);
@@ -102,7 +103,16 @@ TEST_P(ModuleMain, InterfaceSlots) {
     void* p = &main;
     EXPECT_EQ(main.QueryInterface(IDirectoryRoot::IID, &p), E_NOINTERFACE);
     EXPECT_EQ(p, nullptr);
-    EXPECT_TRUE(Supports<IRessourceSource>(docs));
+    // The resource source is a part of the same object: each answers the other.
+    IPtr<IRessourceSource> source;
+    ASSERT_TRUE(Supports(docs, source));
+    EXPECT_EQ(source.get(), main.RessourceSource());
+    IPtr<IExtFuncPluginDocAdmin> back;
+    ASSERT_TRUE(Supports(source.get(), back));
+    EXPECT_EQ(back.get(), docs);
+    // The host finds the module's external interface through the plug-in object.
+    EXPECT_TRUE(FModule->Plugin()->GetExtFuncInterface(IExtFuncPluginDocAdmin::IID, &p));
+    EXPECT_EQ(p, static_cast<void*>(docs));
 
     EXPECT_EQ(docs->Get_ExtFuncVersion(), 1);
     EXPECT_EQ(docs->Get_ExtFuncCount(), 2);

@@ -31,8 +31,8 @@ std::string KindOf(TBaseDocFileLoaderClass AClass) {
 struct ChoiceCase {
     std::uint8_t Mode;
     const char* RepType;
-    int Kind;              // connection kind of the selected database
-    int Connection;        // -1 no connection object, 0 not connected, 1 connected
+    int Kind;        // connection kind of the selected database
+    int Connection;  // -1 no connection object, 0 not connected, 1 connected
     bool OfflineIn;
     const char* Expected;  // store kind
     bool OfflineOut;
@@ -57,7 +57,9 @@ TEST_P(StoreChoice, FollowsRunModeConnectionAndSetting) {
     EXPECT_EQ(offline, c.OfflineOut);
     // Every kind but the two local stores counts as remote; the question never goes offline.
     const bool local = std::string(c.Expected).starts_with("loc");
-    if (!c.OfflineIn) EXPECT_EQ(module.Docs()->Get_IsRemoteServerStore(), !local);
+    if (!c.OfflineIn) {
+        EXPECT_EQ(module.Docs()->Get_IsRemoteServerStore(), !local);
+    }
     fs::remove_all(dir);
 }
 
@@ -130,8 +132,8 @@ TEST(CreateDocAdmin, PluginAndPathFromTheArguments) {
         {plugin, "\"A\",\"B\"", plugin, "\"" + plugin + "\",\"A\",\"B\""},
     };
     for (const Case& c : cases) {
-        std::unique_ptr<TBaseDocAdmin> admin = module.Repo().CreateDocAdmin(c.Plugin, c.Base,
-                                                                            false, "");
+        std::unique_ptr<TBaseDocAdmin> admin =
+            module.Repo().CreateDocAdmin(c.Plugin, c.Base, false, "");
         EXPECT_EQ(admin->Plugin(), c.AdminPlugin) << c.Plugin << " " << c.Base;
         EXPECT_EQ(admin->RootDirectoryPath(), c.RootPath) << c.Plugin << " " << c.Base;
         EXPECT_EQ(admin->PluginGUID(), DocAdminPluginGUID);
@@ -164,7 +166,7 @@ class TCountingRepository : public TdmDocAdminRepository {
   public:
     using TdmDocAdminRepository::TdmDocAdminRepository;
     TBaseDocFileLoaderClass GetDocFileLoaderClass(bool&) override {
-        return &CreateDocFileLoader<TCountingStore>;
+        return &docadmin::CreateDocFileLoader<TCountingStore>;
     }
 };
 
@@ -177,7 +179,7 @@ TEST_P(Repository, DownloadByUIDReachesTheStoreOnlyForAKnownDocument) {
     IPtr<IDocument> doc =
         root->Do_SaveDocument(nullptr, "letter.txt", LocalFile("a.txt", "hello"), 0);
     ASSERT_TRUE(root->Do_SaveChanges());
-    const std::string uid = doc->Get_GlobalRecUID();
+    const std::string uid = DB()->GetRecordUIDByDBID("docadmindocs", doc->Get_DocID());
     ASSERT_TRUE(IsGuid(uid)) << uid;
 
     TClientPluginBase owner(DocAdminPluginGUID, 0, nullptr, true);
@@ -212,8 +214,8 @@ TEST_P(Repository, UpdateAndRemoteDownloadWithoutATree) {
 
     EXPECT_TRUE(Repo().UpdateDocumentWithID(id, LocalFile("b.txt", "two"), false, true));
     EXPECT_FALSE(Repo().UpdateDocumentWithID(id + 1000, LocalFile("c.txt", "x"), false, true));
-    EXPECT_EQ(RowCount("docadmin_docarchive", "docadmindocid", TVariant(static_cast<long long>(id))),
-              1);
+    EXPECT_EQ(
+        RowCount("docadmin_docarchive", "docadmindocid", TVariant(static_cast<long long>(id))), 1);
 
     TKRRecordSet rs(nullptr, DB());
     rs.SetSchemaName("docadmindocs");
@@ -243,7 +245,9 @@ TEST_P(Repository, DeadLinkCleanupRemovesFoldersOfVanishedRecordsOnly) {
     folder(ContactsStorageUID, "\"contacts#Records\",\"" + LowerCase(keptUID) + "\"", nullptr);
     folder(ContactsStorageUID, "\"contacts#Records\",\"" + goneUID + "\"", "gone.txt");
     folder(ContactsStorageUID, "\"contacts#Records\",\"stray\"", "stray.txt");
-    folder(ContactsStorageUID, "\"nosuchtable#Records\",\"" + goneUID + "\"", "unknown.txt");
+    // Record folders are found by their UID in any table: the unknown table's record has its own.
+    const std::string unknownUID = "{5D0C7E11-8A2B-4C3D-9E4F-0A1B2C3D4E5F}";
+    folder(ContactsStorageUID, "\"nosuchtable#Records\",\"" + unknownUID + "\"", "unknown.txt");
     folder(otherPlugin, "\"contacts#Records\",\"" + goneUID + "\"", "other.txt");
     {
         TClientSQL del(nullptr, DB());
@@ -266,7 +270,7 @@ TEST_P(Repository, DeadLinkCleanupRemovesFoldersOfVanishedRecordsOnly) {
     FHost->Loader.Loaded = {ContactsStorageUID};
     FModule->Docs()->Do_DeleteDeadLinkPluginDocuments();
     EXPECT_EQ(titles(ContactsStorageUID, "contacts#Records"), S({keptUID, LowerCase(keptUID)}));
-    EXPECT_EQ(titles(ContactsStorageUID, "nosuchtable#Records"), S({goneUID}));
+    EXPECT_EQ(titles(ContactsStorageUID, "nosuchtable#Records"), S({unknownUID}));
     EXPECT_EQ(titles(otherPlugin, "contacts#Records"), S({goneUID}));
     EXPECT_EQ(RowCount("docadmindocs"), 3);
     for (const char* name : {"gone.txt", "stray.txt"})

@@ -50,13 +50,13 @@ TEST_P(TestPlugin, AddsListsReplacesDeletesAndHoldsADirectoryBeyondItsHandle) {
         IPtr<IDocAdminTestClient>::Adopt(static_cast<IDocAdminTestClient*>(p));
     fs::create_directories(FDir / "work");
 
-    EXPECT_EQ(client->Do_RoundTrip(TestPluginGUID, "\"Shared\",\"Reports\"",
-                                   (FDir / "work").string()),
-              "added a.txt\n"
-              "listed a.txt\n"
-              "replaced beta version 1.0.0.1\n"
-              "deleted, 0 left\n"
-              "held kept detached\n");
+    EXPECT_EQ(
+        client->Do_RoundTrip(TestPluginGUID, "\"Shared\",\"Reports\"", (FDir / "work").string()),
+        "added a.txt\n"
+        "listed a.txt\n"
+        "replaced beta, new version\n"
+        "deleted, 0 left\n"
+        "held kept detached\n");
     EXPECT_EQ(RowCount("docadmindocs"), 0);
     EXPECT_EQ(RowCount("docadmin_docarchive"), 1);
     EXPECT_EQ(RowCount("docadmindir", "title", TVariant("kept")), 1);

@@ -209,7 +209,8 @@ class ModuleHostTest : public ::testing::TestWithParam<std::string> {
             config += "backend = \"postgresql\"\nconninfo = \"" + FPG->ConnInfo() + "\"\n";
         }
         config += "DocumentsPath = \"" + (FDir / "store").string() + "\"\n" + FExtraConfig;
-        FHost = std::make_unique<TTestHost>(TDocAdminConfig::FromString(config, ""), ARunMode, 1000);
+        FHost =
+            std::make_unique<TTestHost>(TDocAdminConfig::FromString(config, ""), ARunMode, 1000);
         FModule = std::make_unique<TModuleRun>(FHost.get());
         return true;
     }

@@ -17,8 +17,7 @@ std::string ReadAll(const std::string& AFile) {
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
-std::string WriteFile(const std::string& ADir, const std::string& AName,
-                      const std::string& AText) {
+std::string WriteFile(const std::string& ADir, const std::string& AName, const std::string& AText) {
     const std::string path = ADir + "/" + AName;
     std::ofstream(path, std::ios::binary) << AText;
     return path;
@@ -42,13 +41,14 @@ class TdmTestClient : public TPluginBaseDataModule, public IDocAdminTestClient {
     std::string Do_RoundTrip(const std::string& APlugin, const std::string& AFolder,
                              const std::string& AWorkDir) override {
         std::ostringstream out;
+        std::string firstVersion;
         try {
             IPtr<IExtFuncPluginDocAdmin> docs = DocAdmin();
             auto root = [&] { return docs->Get_DirectoryRoot(APlugin, AFolder, true, 0, false); };
             {
                 IPtr<IDirectoryRoot> r = root();
-                IPtr<IDocument> d = r->Do_SaveDocument(nullptr, "a.txt",
-                                                       WriteFile(AWorkDir, "a.txt", "alpha"), 0);
+                IPtr<IDocument> d =
+                    r->Do_SaveDocument(nullptr, "a.txt", WriteFile(AWorkDir, "a.txt", "alpha"), 0);
                 r->Do_SaveChanges();
                 out << "added " << d->Get_DocName() << "\n";
             }
@@ -60,6 +60,7 @@ class TdmTestClient : public TPluginBaseDataModule, public IDocAdminTestClient {
                     out << " " << dir->Get_Document(i)->Get_DocName();
                 out << "\n";
                 IPtr<IDocument> d = dir->Get_Document(0);
+                firstVersion = d->Get_Version();
                 r->Do_ReplaceFile(d.get(), WriteFile(AWorkDir, "b.txt", "beta"), ramArchive);
                 r->Do_SaveChanges();
             }
@@ -68,7 +69,9 @@ class TdmTestClient : public TPluginBaseDataModule, public IDocAdminTestClient {
                 IPtr<IDocument> d = r->Get_RootDir()->Get_Document(0);
                 const std::string back = AWorkDir + "/back.txt";
                 r->Do_DownloadFile(d.get(), back);
-                out << "replaced " << ReadAll(back) << " version " << d->Get_Version() << "\n";
+                out << "replaced " << ReadAll(back)
+                    << (d->Get_Version() != firstVersion ? ", new version" : ", same version")
+                    << "\n";
                 r->Do_DeleteDocument(d.get());
                 r->Do_SaveChanges();
             }
@@ -79,8 +82,8 @@ class TdmTestClient : public TPluginBaseDataModule, public IDocAdminTestClient {
                 kept = r->Do_AddDirectory(nullptr, "kept");
                 r->Do_SaveChanges();
             }
-            out << "held " << kept->Get_Title() << (kept->Get_ParentDir() ? " attached" : " detached")
-                << "\n";
+            out << "held " << kept->Get_Title()
+                << (kept->Get_ParentDir() ? " attached" : " detached") << "\n";
         } catch (const std::exception& e) {
             out << "failed: " << e.what() << "\n";
         }
