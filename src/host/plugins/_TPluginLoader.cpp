@@ -12,6 +12,7 @@
 
 #include "_HostLog.h"
 #include "_PluginBase.h"
+#include "_Tools.h"
 
 namespace docadmin {
 
@@ -103,6 +104,7 @@ void TPluginLoader::LoadFiles(const std::vector<std::string>& AFiles) {
             FEntries.push_back(std::move(owned));
         }
         std::string step = "cannot be opened";
+        std::string error;
         try {
             dlerror();
             e.Handle = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
@@ -128,13 +130,16 @@ void TPluginLoader::LoadFiles(const std::vector<std::string>& AFiles) {
             if (!plugin->ShortName().empty()) e.Info.Name = plugin->ShortName();
             e.Info.Loaded = true;
         } catch (...) {
-            Fail(e, step + ": " + CurrentExceptionText());
+            error = step + ": " + CurrentExceptionText();
         }
+        // Outside the handler: the exception object may be the plug-in's, and must be gone
+        // before its library is closed.
+        if (!error.empty()) Fail(e, error);
     }
 
     // Init on every data module of every plug-in.
     for (TEntry* e : LoadedEntries()) {
-        std::string module;
+        std::string module, error;
         try {
             for (TPluginBaseDataModule* m : e->Plugin->DataModules()) {
                 module = DemangledName(typeid(*m));
@@ -144,8 +149,9 @@ void TPluginLoader::LoadFiles(const std::vector<std::string>& AFiles) {
             std::lock_guard lock(FLock);
             if (!e->Plugin->ShortName().empty()) e->Info.Name = e->Plugin->ShortName();
         } catch (...) {
-            Fail(*e, "Init of " + module + " failed: " + CurrentExceptionText());
+            error = "Init of " + module + " failed: " + CurrentExceptionText();
         }
+        if (!error.empty()) Fail(*e, error);
     }
 
     // AfterStartup once all are up.
@@ -297,16 +303,22 @@ bool TPluginLoader::GetExtFuncInterface(const std::string& APluginGUID, const TG
 
 std::string FormatPluginList(const std::vector<TPluginInfo>& APlugins) {
     if (APlugins.empty()) return "no plug-ins\n";
-    std::size_t nameWidth = 4;
-    for (const TPluginInfo& p : APlugins)
-        nameWidth = std::max(nameWidth, p.Name.size());
-    std::ostringstream os;
+    struct TRow {
+        std::string GUID, Name, Path, State;
+    };
+    std::vector<TRow> rows;
+    std::size_t nameWidth = 0;
     for (const TPluginInfo& p : APlugins) {
         std::string state = p.Loaded ? "loaded" : "failed: " + p.Error;
         if (p.Loaded && !p.Warning.empty()) state += " (" + p.Warning + ")";
-        os << (p.GUID.empty() ? std::string(38, '-') : p.GUID) << "  " << p.Name
-           << std::string(nameWidth - p.Name.size() + 2, ' ') << p.Path << "  " << state << "\n";
+        rows.push_back({p.GUID.empty() ? std::string(38, '-') : PrintableText(p.GUID),
+                        PrintableText(p.Name), PrintableText(p.Path), PrintableText(state)});
+        nameWidth = std::max(nameWidth, rows.back().Name.size());
     }
+    std::ostringstream os;
+    for (const TRow& r : rows)
+        os << r.GUID << "  " << r.Name << std::string(nameWidth - r.Name.size() + 2, ' ') << r.Path
+           << "  " << r.State << "\n";
     return os.str();
 }
 

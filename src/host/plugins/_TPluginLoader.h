@@ -94,8 +94,8 @@ class TPluginLoader : public IPluginLoader {
     bool FUnInitDone = false;
 };
 
-// "<GUID>  <name>  <path>  <state>" lines for people, one per plug-in; "no plug-ins" when
-// there are none.
+// "<GUID>  <name>  <path>  <state>" lines for people, one per plug-in, control characters
+// escaped; "no plug-ins" when there are none.
 std::string FormatPluginList(const std::vector<TPluginInfo>& APlugins);
 
 }  // namespace docadmin
