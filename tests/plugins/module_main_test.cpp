@@ -1,0 +1,224 @@
+// The module's start-up and its external interfaces.
+#include "_DocAdminStorageUIDs.h"
+#include "_TVTLFrameworkScriptGlobalFunctions.h"
+#include "_dmDocAdminMainForms.h"
+#include "plugin_fixtures.h"
+
+using namespace docadmin;
+using namespace docadmin::test;
+
+namespace {
+
+class TSourceNotify : public TInterfacedObject, public IRessourceSourceNotify {
+  public:
+    HRESULT QueryInterface(const TGUID& iid, void** obj) override {
+        if (QueryOwn<IRessourceSourceNotify>(iid, obj)) return S_OK;
+        return TInterfacedObject::QueryInterface(iid, obj);
+    }
+    std::int32_t _AddRef() override { return TInterfacedObject::_AddRef(); }
+    std::int32_t _Release() override { return TInterfacedObject::_Release(); }
+    void Do_SourceNotify(IRessourceSource* ASource, std::int32_t AValue) override {
+        Told.emplace_back(ASource, AValue);
+    }
+    std::vector<std::pair<IRessourceSource*, std::int32_t>> Told;
+};
+
+class ModuleMain : public ModuleHostTest {};
+
+TEST_P(ModuleMain, ServerAndToolStartAlikeAndTheEndUndoesTheRegistrations) {
+    FExtraConfig = "[local.DocAdmin]\nIconExt = \".mine\"\n";
+    for (std::uint8_t mode : {rmTool, rmServer}) {
+        SCOPED_TRACE(static_cast<int>(mode));
+        if (!Restart(mode)) GTEST_SKIP() << "no PostgreSQL server";
+        TdmDocAdminMain& main = FModule->Main();
+        IRessourceSource* source = &main;
+
+        EXPECT_EQ(FModule->Plugin()->ShortName(), "DocAdmin");
+        EXPECT_EQ(Repo().DocAdminInt(), FModule->Docs());
+        ASSERT_EQ(FHost->Sources.Count(), 1);
+        EXPECT_EQ(FHost->Sources.Items[0].first, DocAdminPluginGUID);
+        EXPECT_EQ(FHost->Sources.Item(0), source);
+        TScriptGlobalVar global;
+        ASSERT_TRUE(TVTLFrameworkScriptGlobalFunctions::FindGlobalScriptVar("DocAdminModule",
+                                                                            global));
+        EXPECT_EQ(global.TypeName, "DIExtFuncPluginDocAdmin");
+        EXPECT_TRUE(Supports<IExtFuncPluginDocAdmin>(global.Value.get()));
+
+        // Row rights of the three tables.
+        TKRACLDataTable t;
+        ASSERT_TRUE(TKRACLDataTableController::FindTable("docadmindir", t));
+        EXPECT_EQ(t.ACLFields, "");
+        ASSERT_TRUE(TKRACLDataTableController::FindTable("docadmindocs", t));
+        EXPECT_EQ(t.ACLFields, "dirid");
+        ASSERT_TRUE(TKRACLDataTableController::FindTable("docadminressources", t));
+        EXPECT_EQ(t.TableType, TACLTableType::atFields);
+        EXPECT_EQ(t.ACLFields, "documentid");
+
+        const auto handlers = TKRFilterHandlerClient::HandlersForSchema("contacts");
+        ASSERT_EQ(handlers.size(), 1u);
+        EXPECT_EQ(handlers[0].Identifier, "{5FF8DCE5-1C50-42AF-BFB0-EE551AA541D0}");
+        EXPECT_EQ(handlers[0].Caption, "Suche in abgelegten Dokumenten");
+
+        ASSERT_EQ(main.VTLBIAPIClient()->Items().size(), 1u);
+        const TVTLBIAPIItem& api = main.VTLBIAPIClient()->Items()[0];
+        EXPECT_EQ(api.Caption, "Documents Services");
+        EXPECT_EQ(api.Identifier, "{7291FAEA-36AF-4E36-92A0-BFE1C4368A73}");
+        EXPECT_EQ(api.APIRoot, "services");
+        TRestServiceClass cls;
+        TInterfaceTypeList list = {nullptr};
+        main.VTLBIAPIClient()->OnGetAPIService(main.VTLBIAPIClient(), api, cls, list);
+        EXPECT_TRUE(list.empty());
+
+        // Icon settings: defaults where nothing stood.
+        EXPECT_EQ(FHost->LocalSettings().ReadString("DocAdmin", "IconPath", ""),
+                  ".\\custom\\plugin\\images");
+        EXPECT_EQ(FHost->LocalSettings().ReadString("DocAdmin", "IconExt", ""), ".mine");
+
+        IPtr<TSourceNotify> notify(new TSourceNotify);
+        main.Do_AddNotifier(notify.get());
+        FModule->Stop();
+        EXPECT_EQ(notify->Told, (decltype(notify->Told){{source, 0}}));
+        EXPECT_EQ(FHost->Sources.Count(), 0);
+        EXPECT_FALSE(TVTLFrameworkScriptGlobalFunctions::FindGlobalScriptVar("DocAdminModule",
+                                                                             global));
+        EXPECT_FALSE(TKRACLDataTableController::FindTable("docadmindocs", t));
+        EXPECT_EQ(TdmDocAdminMain::Instance(), nullptr);
+        EXPECT_EQ(TdmDocAdminRepository::Instance(), nullptr);
+    }
+}
+
+TEST_P(ModuleMain, InterfaceSlots) {
+    MODULE_START_OR_SKIP();
+    TdmDocAdminMain& main = FModule->Main();
+    IExtFuncPluginDocAdmin* docs = FModule->Docs();
+
+    // One table answers the interface and its ancestors with one pointer.
+    for (const TGUID& iid : {IInterface::IID, IExtFuncPlugin::IID, IExtFuncPluginMenu::IID,
+                             IExtFuncPluginUniversal::IID, IExtFuncPluginDocAdmin::IID}) {
+        void* p = nullptr;
+        EXPECT_EQ(main.QueryInterface(iid, &p), S_OK);
+        EXPECT_EQ(p, static_cast<void*>(docs));
+    }
+    void* p = &main;
+    EXPECT_EQ(main.QueryInterface(IDirectoryRoot::IID, &p), E_NOINTERFACE);
+    EXPECT_EQ(p, nullptr);
+    EXPECT_TRUE(Supports<IRessourceSource>(docs));
+
+    EXPECT_EQ(docs->Get_ExtFuncVersion(), 1);
+    EXPECT_EQ(docs->Get_ExtFuncCount(), 2);
+    EXPECT_EQ(docs->Get_ExtFuncImageIndex(0), 212);
+    const std::tuple<std::int32_t, std::string, std::string, std::string> texts[] = {
+        {0, "Dokumente Datensatz", "Documents record", "Documents for the current record."},
+        {1, "Dokumente ganze Tabelle", "Documents entire table", "Documents for this table."},
+    };
+    for (const auto& [index, german, english, description] : texts) {
+        FHost->Language = 0;
+        EXPECT_EQ(docs->Get_ExtFuncTitle(index), german);
+        FHost->Language = 1;
+        EXPECT_EQ(docs->Get_ExtFuncTitle(index), english);
+        EXPECT_EQ(docs->Get_ExtFuncDescription(index), description);
+    }
+    // A wrong index is the caller's fault and raises instead of ending the process.
+    for (std::int32_t wrong : {-1, 2}) {
+        EXPECT_THROW(docs->Get_ExtFuncTitle(wrong), EAssertionFailed);
+        EXPECT_THROW(docs->Get_ExtFuncDescription(wrong), EAssertionFailed);
+    }
+    EXPECT_THROW(docs->Do_ExecuteRecordFunc(1, "p", "contacts", 1), EAssertionFailed);
+    EXPECT_THROW(docs->Do_ExecuteTableFunc(0, "p", "contacts"), EAssertionFailed);
+    EXPECT_THROW(docs->Do_Reserved(), EAssertionFailed);
+    // With an empty plug-in text slots 6 and 7 don't even look at the schema.
+    EXPECT_NO_THROW(docs->Do_ExecuteRecordFunc(0, "", "nosuchschema", 1));
+    EXPECT_NO_THROW(docs->Do_ExecuteTableFunc(1, "", "nosuchschema"));
+    EXPECT_THROW(docs->Do_ExecuteRecordFunc(0, ContactsStorageUID, "nosuchschema", 1),
+                 EDBUnknownSchema);
+    EXPECT_THROW(docs->Do_ExecuteTableFunc(1, ContactsStorageUID, "nosuchschema"),
+                 EDBUnknownSchema);
+    for (int context : {0, 1, 2, 3})
+        for (int index : {0, 1, 2})
+            EXPECT_EQ(docs->Get_ExtFuncValid(context, index),
+                      (context == 1 && index == 0) || (context == 2 && index == 1));
+    EXPECT_EQ(docs->Get_MenuCount(), 0);
+    EXPECT_FALSE(docs->Get_MenuEnabled(0));
+    EXPECT_FALSE(docs->Do_MenuExecute(0));
+    EXPECT_FALSE(docs->Get_HasConfiguration());
+
+    // The dialog slots answer false and leave their outputs alone.
+    std::string name = "keep";
+    std::int32_t id = 7;
+    EXPECT_FALSE(docs->Do_SaveDialog("p", "b", name, id));
+    EXPECT_FALSE(docs->Do_SaveDialogEx1("p", "b", "f", "l", id));
+    EXPECT_FALSE(docs->Do_OpenDialog("p", "b", id));
+    EXPECT_FALSE(docs->Do_OpenDialogEx1("p", "b", "l", name));
+    EXPECT_EQ(name, "keep");
+    EXPECT_EQ(id, 7);
+    EXPECT_FALSE(docs->Get_IsRemoteServerStore());
+
+    // IRessourceSource.
+    EXPECT_EQ(main.Get_ContainerCount(), 1);
+    IPtr<IInterface> out(docs);
+    EXPECT_EQ(main.Get_ContainerInfo(0, out), 0);
+    EXPECT_FALSE(out);
+    EXPECT_EQ(main.Get_Caption(), "Stored Documents");
+    FHost->Language = 0;
+    EXPECT_EQ(main.Get_Caption(), "Abgelegte Dokumente");
+    FHost->Language = 2;  // French has no texts of its own: the base language stands in
+    EXPECT_EQ(Repo().GetTranslatedText(IDS_DOCUPDCAP), "Dokument archiviert");
+    EXPECT_EQ(Repo().GetTranslatedText("not a key"), "not a key");
+    EXPECT_TRUE(main.Get_Enabled());
+    EXPECT_FALSE(main.GetRessourceContainer("CRMAI", 1));
+    IPtr<TSourceNotify> n(new TSourceNotify);
+    main.Do_AddNotifier(n.get());
+    main.Do_AddNotifier(n.get());
+    main.Do_RemoveNotifier(n.get());
+    EXPECT_EQ(main.NotifierCount(), 1u);
+    main.Do_RemoveNotifier(n.get());
+    main.Do_RemoveNotifier(n.get());
+    EXPECT_EQ(main.NotifierCount(), 0u);
+}
+
+TEST_P(ModuleMain, AddDocumentNeverFailsAndLinksGoWithTheirDocument) {
+    MODULE_START_OR_SKIP();
+    IExtFuncPluginDocAdmin* docs = FModule->Docs();
+    std::vector<std::string> shown;
+    TdmDocAdminMainForms::Instance()->OnShowException = [&](const std::string& m) {
+        shown.push_back(m);
+    };
+    docs->Do_AddDocument(ContactsStorageUID, "\"Inbox\"", "a.txt", LocalFile("a", "A"), true);
+    docs->Do_AddDocument(ContactsStorageUID, "\"Inbox\"", "b.txt", LocalFile("b", "B"), false);
+    EXPECT_TRUE(shown.empty());
+    docs->Do_AddDocument(ContactsStorageUID, "\"Inbox\"", "c.txt", (FDir / "missing").string(),
+                         false);
+    ASSERT_EQ(shown.size(), 1u);
+    EXPECT_NE(shown[0].find("missing"), std::string::npos) << shown[0];
+    // Both documents stand in the one folder that the operation looks up.
+    std::unique_ptr<TBaseDocAdmin> admin =
+        Repo().CreateDocAdmin(ContactsStorageUID, "\"Inbox\"", false, "");
+    TDocDirectory* inbox = admin->Directories()->GetChildDirByTitle("\"Inbox\"", nullptr);
+    ASSERT_NE(inbox, nullptr);
+    ASSERT_EQ(inbox->DocumentCount(), 2);
+    EXPECT_EQ(RowCount("docadmindocs"), 2);
+
+    const std::int64_t first = inbox->GetDocuments(0)->DocID();
+    const std::int64_t second = inbox->GetDocuments(1)->DocID();
+    EXPECT_TRUE(docs->Do_AddRessourceLink("CRMAI", 5, first));
+    EXPECT_TRUE(docs->Do_AddRessourceLink("CRMAI", 6, second));
+    EXPECT_TRUE(docs->Do_AddRessourceLink("OTHER", 5, 999999));  // no check that it exists
+    EXPECT_EQ(RowCount("docadminressources"), 3);
+    auto remove = [&](const std::string& schema, std::int64_t id) {
+        TClientSQL del(nullptr, DB());
+        del.SetStatementKind(skDelete);
+        del.SetSchemaName(schema);
+        AddFilter(del.GetFilters(), "id", TVariant(static_cast<long long>(id)));
+        del.ExecuteSQL();
+    };
+    remove("contacts", Insert("contacts", {{"name", TVariant("x")}}));
+    EXPECT_EQ(RowCount("docadminressources"), 3);
+    remove("docadmindocs", first);
+    EXPECT_EQ(RowCount("docadminressources", "documentid", TVariant(static_cast<long long>(first))),
+              0);
+    EXPECT_EQ(RowCount("docadminressources"), 2);
+}
+
+DB_INSTANTIATE(ModuleMain);
+
+}  // namespace

@@ -1,0 +1,262 @@
+// Fixtures of the document module's tests: the module started as the host starts it (InitProc,
+// data modules in order, Init), on a host of our own making.
+//
+// TChoiceMain is a host without a database whose answers to the store choice (run mode,
+// connection kind, DocumentsRepType, server connection) a test sets freely. ModuleHostTest runs
+// the module on a real host (THost) over SQLite or a private PostgreSQL schema, with the plug-in
+// services the module asks for (resource source list, plug-in loader, language index).
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <set>
+#include <string>
+
+#include <unistd.h>
+
+#include "_PluginBase.h"
+#include "_THost.h"
+#include "_dmDocAdminMain.h"
+#include "_dmDocAdminRepository.h"
+#include "host/db/db_test_support.h"
+
+extern "C" void InitProc(docadmin::TClientPluginBase** APlugin);
+
+namespace docadmin::test {
+
+namespace fs = std::filesystem;
+
+inline fs::path FreshTempDir(const std::string& ATag) {
+    std::string name = ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    std::replace(name.begin(), name.end(), '/', '_');
+    const fs::path dir =
+        fs::temp_directory_path() / (ATag + "_" + std::to_string(::getpid()) + "_" + name);
+    fs::remove_all(dir);
+    fs::create_directories(dir);
+    return dir;
+}
+
+inline void WriteText(const fs::path& AFile, const std::string& AText) {
+    fs::create_directories(AFile.parent_path());
+    std::ofstream(AFile, std::ios::binary) << AText;
+}
+
+inline std::string ReadText(const fs::path& AFile) {
+    std::ifstream in(AFile, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+// The host's list of resource sources, as a plain vector.
+class TSourceList : public IRessourceSourceList {
+  public:
+    void Add(const std::string& AIdentifier, IRessourceSource* ASource) override {
+        Items.emplace_back(AIdentifier, IPtr<IRessourceSource>(ASource));
+    }
+    std::int32_t IndexOf(IRessourceSource* ASource) override {
+        for (std::size_t i = 0; i < Items.size(); ++i)
+            if (Items[i].second.get() == ASource) return static_cast<std::int32_t>(i);
+        return -1;
+    }
+    void Delete(std::int32_t AIndex) override { Items.erase(Items.begin() + AIndex); }
+    std::int32_t Count() override { return static_cast<std::int32_t>(Items.size()); }
+    IRessourceSource* Item(std::int32_t AIndex) override { return Items.at(AIndex).second.get(); }
+
+    std::vector<std::pair<std::string, IPtr<IRessourceSource>>> Items;
+};
+
+// Plug-ins that count as loaded, by GUID; the external interfaces come from the plug-in objects
+// registered with it.
+class TLoaderStub : public IPluginLoader {
+  public:
+    std::int32_t PluginCount() override { return static_cast<std::int32_t>(Loaded.size()); }
+    std::string PluginGUID(std::int32_t AIndex) override {
+        return *std::next(Loaded.begin(), AIndex);
+    }
+    bool IsPluginLoaded(const std::string& APluginGUID) override {
+        return Loaded.count(APluginGUID) != 0;
+    }
+    bool GetExtFuncInterface(const std::string& APluginGUID, const TGUID& AIID,
+                             void** AObj) override {
+        *AObj = nullptr;
+        for (TClientPluginBase* p : Plugins)
+            if (p->PluginGUID() == APluginGUID) return p->GetExtFuncInterface(AIID, AObj);
+        return false;
+    }
+    std::set<std::string> Loaded;
+    std::vector<TClientPluginBase*> Plugins;
+};
+
+class TConnectionStub : public IServerConnection {
+  public:
+    bool Connected() override { return IsConnected; }
+    bool IsConnected = false;
+};
+
+// Makes, starts and ends the module as the host does.
+class TModuleRun {
+  public:
+    explicit TModuleRun(IMainInterface* AMain) {
+        TClientPluginBase* plugin = nullptr;
+        InitProc(&plugin);
+        FPlugin.reset(plugin);
+        FPlugin->SetMainInterface(AMain);
+        FPlugin->CreateDataModules();
+        for (TPluginBaseDataModule* m : FPlugin->DataModules())
+            m->Init();
+    }
+    ~TModuleRun() {
+        if (FPlugin) Stop();
+    }
+    void Stop() {
+        for (TPluginBaseDataModule* m : FPlugin->DataModules())
+            m->BeforeUnInit();
+        FPlugin.reset();
+    }
+    TClientPluginBase* Plugin() const { return FPlugin.get(); }
+    TdmDocAdminRepository& Repo() const { return *TdmDocAdminRepository::Instance(); }
+    TdmDocAdminMain& Main() const { return *TdmDocAdminMain::Instance(); }
+    IExtFuncPluginDocAdmin* Docs() const { return &Main(); }
+
+  private:
+    std::unique_ptr<TClientPluginBase> FPlugin;
+};
+
+// A host without a database: the answers of the store choice, and a local store folder.
+class TChoiceMain : public IMainInterface, public IVantrelDatabaseRepository {
+  public:
+    HRESULT QueryInterface(const TGUID& iid, void** obj) override {
+        *obj = iid == IMainInterface::IID || iid == IInterface::IID
+                   ? static_cast<IMainInterface*>(this)
+                   : nullptr;
+        return *obj ? S_OK : E_NOINTERFACE;
+    }
+    std::int32_t _AddRef() override { return -1; }
+    std::int32_t _Release() override { return -1; }
+    IDBFieldSchema* GetDBFieldSchema() override { return nullptr; }
+    IDBInterface* GetDBInterface() override { return nullptr; }
+    IVantrelDatabaseRepository* GetDatabaseRepository() override { return this; }
+    ISettingsStorage* GetUserSettings() override { return nullptr; }
+    ISettingsStorage* GetGlobalSettings() override { return nullptr; }
+    ISettingsStorage* GetLocalSettings() override { return nullptr; }
+    ICustomApp* GetCustomApp() override { return nullptr; }
+    IUserAccess* GetUserAccess() override { return nullptr; }
+    ICurrentUser* GetCurrentUser() override { return nullptr; }
+    std::uint8_t RunMode() override { return Mode; }
+    IServerConnection* GetServerConnection() override {
+        return HasConnection ? &Connection : nullptr;
+    }
+    std::int32_t LanguageIndex() override { return Language; }
+
+    int SelectedDatabaseIndex() override { return 0; }
+    int OfflineDatabaseIndex() override { return -1; }
+    std::string ReadDatabaseSetting(int, const std::string& AKey) override {
+        if (AKey == "DocumentsRepType") return RepType;
+        if (AKey == "DocumentsPath") return StoreDir;
+        return {};
+    }
+    std::string ExpandPathMacros(const std::string& APath) override { return APath; }
+    std::string DefaultDocRootFolder() override { return StoreDir; }
+    std::string SeedDocRootFolder() override { return {}; }
+    int ConnectionKind(int) override { return Kind; }
+
+    std::uint8_t Mode = 0;
+    std::string RepType;
+    int Kind = 0;
+    bool HasConnection = false;
+    TConnectionStub Connection;
+    std::int32_t Language = 0;
+    std::string StoreDir;
+};
+
+// A real host with the plug-in services of a loader.
+class TTestHost : public THost {
+  public:
+    using THost::THost;
+    IRessourceSourceList* GetRessourceSources() override { return &Sources; }
+    IPluginLoader* GetPluginLoader() override { return &Loader; }
+    std::int32_t LanguageIndex() override { return Language; }
+
+    TSourceList Sources;
+    TLoaderStub Loader;
+    std::int32_t Language = 1;
+};
+
+// The module on a fresh host over the backend of the test parameter; the local store lives in
+// the test's temporary folder.
+class ModuleHostTest : public ::testing::TestWithParam<std::string> {
+  protected:
+    void SetUp() override { FDir = FreshTempDir("module"); }
+    void TearDown() override {
+        FModule.reset();
+        FHost.reset();
+        FPG.reset();
+        fs::remove_all(FDir);
+    }
+    // Starts host and module; false (and the test skipped) without a PostgreSQL server.
+    bool Start(std::uint8_t ARunMode = rmTool) {
+        std::string config = "data_dir = \"" + FDir.string() + "\"\n[databases.main]\n";
+        if (GetParam() == "postgresql") {
+            const std::string conninfo = docadmin::testing::PGConnInfo();
+            if (conninfo.empty()) {
+                if (docadmin::testing::RunningInCI()) ADD_FAILURE() << "no PostgreSQL server";
+                return false;
+            }
+            FPG = std::make_unique<docadmin::testing::TPGTestSchema>(conninfo);
+            config += "backend = \"postgresql\"\nconninfo = \"" + FPG->ConnInfo() + "\"\n";
+        }
+        config += "DocumentsPath = \"" + (FDir / "store").string() + "\"\n" + FExtraConfig;
+        FHost = std::make_unique<TTestHost>(TDocAdminConfig::FromString(config, ""), ARunMode, 1000);
+        FModule = std::make_unique<TModuleRun>(FHost.get());
+        return true;
+    }
+    TdmDocAdminRepository& Repo() { return FModule->Repo(); }
+    IDBInterface* DB() { return FHost->GetDBInterface(); }
+
+    std::int64_t Insert(const std::string& ASchema,
+                        std::initializer_list<std::pair<const char*, TVariant>> AFields) {
+        TClientSQL insert(nullptr, DB());
+        insert.SetStatementKind(skInsert);
+        insert.SetSchemaName(ASchema);
+        for (const auto& [name, value] : AFields)
+            insert.GetFields()->AddField(name, value);
+        std::int64_t id = 0;
+        insert.ExecuteSQL(id);
+        return id;
+    }
+    int RowCount(const std::string& ASchema, const std::string& AField = "",
+                 const TVariant& AValue = TVariant()) {
+        TKRRecordSet rs(nullptr, DB());
+        rs.SetSchemaName(ASchema);
+        if (!AField.empty()) AddFilter(rs.GetFilters(), AField, AValue);
+        rs.Open();
+        return rs.GetRecordCount();
+    }
+    std::string LocalFile(const std::string& AName, const std::string& AContent) {
+        const fs::path p = FDir / "in" / AName;
+        WriteText(p, AContent);
+        return p.string();
+    }
+
+    // Restarts on a fresh database.
+    bool Restart(std::uint8_t ARunMode) {
+        FModule.reset();
+        FHost.reset();
+        FPG.reset();
+        return Start(ARunMode);
+    }
+
+    fs::path FDir;
+    std::string FExtraConfig;  // TOML behind the database table
+    std::unique_ptr<docadmin::testing::TPGTestSchema> FPG;
+    std::unique_ptr<TTestHost> FHost;
+    std::unique_ptr<TModuleRun> FModule;
+};
+
+#define MODULE_START_OR_SKIP(...) \
+    if (!Start(__VA_ARGS__)) GTEST_SKIP() << "no PostgreSQL server"
+
+}  // namespace docadmin::test
