@@ -15,9 +15,7 @@ using ConcurrencyTest = PersistTest;
 void ExpectStoreMatchesRows(PersistTest& t) {
     std::set<std::string> named;
     for (const char* schema : {"docadmindocs", "docadmin_docarchive"}) {
-        auto rs = t.Set(schema);
-        rs->GetSelectFields()->Add("fllocname");
-        rs->Open();
+        auto rs = t.Rows(schema);
         for (int i = 0; i < rs->GetRecordCount(); ++i)
             named.insert(rs->ValueByName(i, "fllocname").GetAsString());
     }
@@ -90,9 +88,7 @@ TEST_P(ConcurrencyTest, ConcurrentReplacesByIdLoseNoUpdateAndArchiveEachVersionO
     EXPECT_EQ(row->ValueByName(0, "flversion").GetAsString(),
               "0.0.0." + std::to_string(won.load()));
     EXPECT_EQ(RowCount("docadmin_docarchive"), won.load());
-    auto arch = Set("docadmin_docarchive");
-    arch->GetSelectFields()->Add("fllocname");
-    arch->Open();
+    auto arch = Rows("docadmin_docarchive");
     std::set<std::string> archived;
     for (int i = 0; i < arch->GetRecordCount(); ++i)
         archived.insert(arch->ValueByName(i, "fllocname").GetAsString());
@@ -104,10 +100,8 @@ TEST_P(ConcurrencyTest, DeleteByIdRemovesTheRowFirstAndKeepsFilesThatRowsStillNa
     auto admin = NewAdmin();
     const std::int32_t id = StoreOne(*admin).DocID;
     admin->ReplaceFile(id, LocalFile("b.txt", "v2"), false, ramDefault);
-    auto arch = Set("docadmin_docarchive");
-    arch->GetSelectFields()->Add("fllocname");
-    arch->Open();
-    const std::string archived = arch->ValueByName(0, "fllocname").GetAsString();
+    const std::string archived =
+        Rows("docadmin_docarchive")->ValueByName(0, "fllocname").GetAsString();
     const std::string current = Row("docadmindocs", id)->ValueByName(0, "fllocname").GetAsString();
 
     // Rows of the store's own making go first; the archived version's file stays.

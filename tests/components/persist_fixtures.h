@@ -134,21 +134,21 @@ class PersistTest : public docadmin::testing::DBTest {
         TDocument* doc = admin.SaveDoc(nullptr, chAdded, LocalFile("a.txt", content), a, "", 0);
         return {a->DirID(), doc->DocID(), doc->RemoteFileName()};
     }
-    // Rows of a schema with an optional equality filter.
-    int RowCount(const std::string& schema, const std::string& field = "",
-                 const TVariant& value = TVariant()) {
-        auto rs = Set(schema);
-        if (!field.empty()) AddFilter(rs->GetFilters(), field, value);
-        rs->Open();
-        return rs->GetRecordCount();
-    }
-    // One row by id, all columns.
-    std::unique_ptr<TKRRecordSet> Row(const std::string& schema, std::int64_t id) {
+    // The rows of a schema, all columns, with an optional equality filter.
+    std::unique_ptr<TKRRecordSet> Rows(const std::string& schema, const std::string& field = "",
+                                       const TVariant& value = TVariant()) {
         auto rs = Set(schema);
         rs->SetSelectAll(true);
-        AddFilter(rs->GetFilters(), "id", TVariant(static_cast<long long>(id)));
+        if (!field.empty()) AddFilter(rs->GetFilters(), field, value);
         rs->Open();
         return rs;
+    }
+    int RowCount(const std::string& schema, const std::string& field = "",
+                 const TVariant& value = TVariant()) {
+        return Rows(schema, field, value)->GetRecordCount();
+    }
+    std::unique_ptr<TKRRecordSet> Row(const std::string& schema, std::int64_t id) {
+        return Rows(schema, "id", TVariant(static_cast<long long>(id)));
     }
     static std::uint64_t Statements() { return DBStatementCount(); }
     // Rows as another client may have written them, past the administrator's checks.

@@ -70,12 +70,8 @@ TEST_P(LoadTest, RecordFoldersCostAtMostTwoQueriesAndOneWithTheCacheWarm) {
     EXPECT_EQ(newRecord(kRecord4, true), 1u);
     ASSERT_EQ(RowCount("docadmindir"), 6);
     EXPECT_EQ(RowCount("docadmindir", "title", TVariant("Invoices#Records")), 1);
-    auto rec2 = Set("docadmindir");
-    AddFilter(rec2->GetFilters(), "title", TVariant(kRecord2));
-    rec2->Open();
-    auto root = Set("docadmindir");
-    AddFilter(root->GetFilters(), "title", TVariant("Invoices#Records"));
-    root->Open();
+    auto rec2 = Rows("docadmindir", "title", TVariant(kRecord2));
+    auto root = Rows("docadmindir", "title", TVariant("Invoices#Records"));
     EXPECT_EQ(rec2->ValueByName(0, "parentdirid").GetRealValue(), root->GetDBIDByRecNo(0));
 }
 
@@ -286,9 +282,7 @@ TEST_P(LoadTest, APathWithoutGuidIsWalkedFromTheTopLevelAndLeavesOtherFoldersAlo
     EXPECT_EQ(admin->Directories()->Titel(), "2024");
     EXPECT_EQ(RowCount("docadmindir"), 3);
     EXPECT_EQ(RowCount("docadmindir", "title", TVariant("Other")), 1);
-    auto year = Set("docadmindir");
-    AddFilter(year->GetFilters(), "title", TVariant("2024"));
-    year->Open();
+    auto year = Rows("docadmindir", "title", TVariant("2024"));
     ASSERT_EQ(year->GetRecordCount(), 1);
     EXPECT_EQ(year->ValueByName(0, "parentdirid").GetRealValue(), projects);
     EXPECT_EQ(admin->Directories()->DirID(), year->GetDBIDByRecNo(0));

@@ -177,9 +177,7 @@ TEST_P(SaveTest, ReplaceInPlaceWithoutArchiveOrArchiveOncePerSave) {
     EXPECT_NE(doc->RemoteFileName(), v2);
     EXPECT_EQ(Store(*admin).Content(doc->RemoteFileName()), "v4-444");
     EXPECT_EQ(Store(*admin).Content(v2), "v2-2");
-    auto arch = Set("docadmin_docarchive");
-    arch->SetSelectAll(true);
-    arch->Open();
+    auto arch = Rows("docadmin_docarchive");
     EXPECT_EQ(arch->ValueByName(0, "fllocname").GetAsString(), v2);
     EXPECT_EQ(arch->ValueByName(0, "flsize").GetAsInteger(), 4);
     EXPECT_EQ(arch->ValueByName(0, "docadmindocid").GetRealValue(), s.DocID);
@@ -324,9 +322,7 @@ TEST_P(SaveTest, UpdateDocumentWithIDReplacesByIdOnly) {
     EXPECT_EQ(row->ValueByName(0, "docname").GetAsString(), "u2.txt");
     EXPECT_TRUE(CompareFileVersion(StrToFileVersion(row->ValueByName(0, "flversion").GetAsString()),
                                    StrToFileVersion(v1)) > 0);
-    auto arch = Set("docadmin_docarchive");
-    arch->SetSelectAll(true);
-    arch->Open();
+    auto arch = Rows("docadmin_docarchive");
     ASSERT_EQ(arch->GetRecordCount(), 1);
     EXPECT_EQ(arch->ValueByName(0, "fllocname").GetAsString(), r1);
     EXPECT_EQ(arch->ValueByName(0, "flversion").GetAsString(), v1);
