@@ -1,14 +1,17 @@
 // docadmin serve: the host as the multi-user server (run mode 3) with its REST interface.
 //
-// Listens until SIGTERM or SIGINT, then stops gracefully: no new connections, requests in flight
-// finish within the configured deadline, every session ends (its cache and temporary files go),
-// background jobs end, and the program exits 0. Meanwhile the main thread runs the host's
-// main-thread queue (job events, Synchronize calls of other threads).
+// Loads the plug-ins of the configured folder once the host is open, before it listens (their
+// APIs are published at start). Listens until SIGTERM or SIGINT, then stops gracefully: no new
+// connections, requests in flight finish within the configured deadline, every session ends (its
+// cache and temporary files go), the server goes, the plug-ins are unloaded (background jobs end
+// between their BeforeUnInit and their destruction), and the program exits 0. Meanwhile the main
+// thread runs the host's main-thread queue (job events, Synchronize calls of other threads).
 #include <signal.h>
 
 #include <atomic>
 #include <exception>
 #include <iostream>
+#include <memory>
 #include <thread>
 
 #include "_MainThreadQueue.h"
@@ -68,6 +71,8 @@ void RunMainThreadQueue(int ATimeoutMs) {
 
 void RunServe(const TServeOptions& o) {
     auto host = OpenHost(o.Host, rmServer);
+    // A plug-in that fails is logged and left out; the server runs with the others.
+    host->LoadPlugins();
     TRestServerOptions options = RestServerOptionsFromConfig(host->Config());
     if (!o.Listen.empty()) {
         const std::size_t colon = o.Listen.rfind(':');
@@ -104,11 +109,13 @@ void RunServe(const TServeOptions& o) {
     sigaddset(&signals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
-    TVTLRestServer server(*host, options);
-    server.Start();
+    // The server holds sessions and services that may be the plug-ins' objects: it goes before
+    // they are unloaded (and, on a failure, before the host).
+    auto server = std::make_unique<TVTLRestServer>(*host, options);
+    server->Start();
     std::cerr << "docadmin serve: listening on "
-              << (server.HTTP().Secure() ? "https://" : "http://") << options.HTTP.Address << ":"
-              << server.Port() << std::endl;
+              << (server->HTTP().Secure() ? "https://" : "http://") << options.HTTP.Address << ":"
+              << server->Port() << std::endl;
     // Queued calls run as soon as they come; a signal is noticed within the wait's 100 ms.
     const timespec noWait{0, 0};
     while (sigtimedwait(&signals, nullptr, &noWait) < 0)
@@ -120,7 +127,7 @@ void RunServe(const TServeOptions& o) {
     std::exception_ptr stopError;
     std::thread stopper([&] {
         try {
-            server.Shutdown();
+            server->Shutdown();
         } catch (...) {
             stopError = std::current_exception();
         }
@@ -131,8 +138,10 @@ void RunServe(const TServeOptions& o) {
         RunMainThreadQueue(100);
     stopper.join();
     if (stopError) std::rethrow_exception(stopError);
-    // The jobs end on this thread, so their events queued here are delivered, before the host
+    server.reset();
+    // On this thread, so that the events of ending jobs are delivered here, and before the host
     // (and with it the database) goes.
+    host->UnloadPlugins();
     host->ShutdownJobs();
     TBackgroundJobScheduler::Default().Shutdown();
     std::cerr << "docadmin serve: stopped" << std::endl;

@@ -5,13 +5,8 @@
 # "postgresql" on a schema of its own in the test server named by DOCADMIN_PG_CONNINFO_FILE.
 #   tests/apps/tree_verbs_test.sh path/to/docadmin [sqlite|postgresql]
 set -uo pipefail
-bin=$(realpath "$1")
+source "$(dirname "$0")/verbs_lib.sh" docadmin-apps "$1"
 backend=${2:-sqlite}
-work=$(mktemp -d /tmp/docadmin-apps.XXXXXX)
-trap 'rm -rf "$work"' EXIT
-export DOCADMIN_DATA=$work/data
-unset DOCADMIN_CONFIG
-cd "$work"
 
 if [[ $backend == postgresql ]]; then
     file=${DOCADMIN_PG_CONNINFO_FILE:-}
@@ -29,20 +24,6 @@ if [[ $backend == postgresql ]]; then
         "$conninfo" "'-csearch_path=$schema'" >"$DOCADMIN_DATA/docadmin.toml"
 fi
 
-failures=0
-fail() {
-    echo "FAIL: $*" >&2
-    failures=$((failures + 1))
-}
-# expect CODE CMD...: runs the command, keeps its stdout in $out and stderr in $err.
-expect() {
-    local want=$1
-    shift
-    out=$("$@" 2>"$work/stderr")
-    local rc=$?
-    err=$(cat "$work/stderr")
-    [[ $rc -eq $want ]] || fail "exit $rc (wanted $want): $* :: $err"
-}
 # Every document of a tree in JSON as "folder/path/name<TAB>id<TAB>size<TAB>version", sorted.
 docs() {
     jq -r 'def walk(p): (.documents[] | "\(p)\(.name)\t\(.id)\t\(.size)\t\(.version)"),
@@ -279,8 +260,4 @@ expect 1 "$bin" export hm2
     fail "export through a folder link: $err"
 [[ -z $(ls victim-dir) ]] || fail "export wrote through a folder link"
 
-if [[ $failures -gt 0 ]]; then
-    echo "$failures check(s) failed" >&2
-    exit 1
-fi
-echo "all checks passed"
+finish "all checks passed"

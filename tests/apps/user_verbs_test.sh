@@ -4,77 +4,53 @@
 # characters in listings, and the modes of what the program creates.
 #   tests/apps/user_verbs_test.sh path/to/docadmin
 set -uo pipefail
-bin=$(realpath "$1")
-work=$(mktemp -d /tmp/docadmin-users.XXXXXX)
-trap 'rm -rf "$work"' EXIT
-export DOCADMIN_DATA=$work/data
-unset DOCADMIN_CONFIG
-cd "$work"
+source "$(dirname "$0")/verbs_lib.sh" docadmin-users "$1"
 umask 022
 db=$DOCADMIN_DATA/docadmin.db
 
-failures=0
-fail() {
-    echo "FAIL: $*" >&2
-    failures=$((failures + 1))
-}
-# expect CODE INPUT CMD...: runs the command with INPUT on standard input, keeps its stdout in
-# $out and stderr in $err.
-expect() {
-    local want=$1 input=$2
-    shift 2
-    out=$(printf '%s' "$input" | "$@" 2>"$work/stderr")
-    local rc=$?
-    err=$(cat "$work/stderr")
-    [[ $rc -eq $want ]] || fail "exit $rc (wanted $want): $* :: $err"
-}
 hash_of() { sqlite3 "$db" "select passwordhash from users where username = '$1'"; }
 
 # An empty line is no password: refused, and nothing is created.
-expect 1 $'\n' "$bin" user add alice --password-stdin
+input=$'\n' expect 1 "$bin" user add alice --password-stdin
 [[ $err == *password* ]] || fail "the refusal does not name the password: $err"
-expect 0 "" "$bin" user list
+expect 0 "$bin" user list
 [[ $out != *alice* ]] || fail "a refused password created the user: $out"
 
-expect 0 $'correct horse\n' "$bin" user add ' alice ' --password-stdin
-expect 1 $'another one\n' "$bin" user add ALICE --password-stdin
+input=$'correct horse\n' expect 0 "$bin" user add ' alice ' --password-stdin
+input=$'another one\n' expect 1 "$bin" user add ALICE --password-stdin
 [[ $err == *exists* ]] || fail "ALICE beside alice: $err"
 
 # passwd refuses an empty line and keeps the password; a good one replaces it.
 before=$(hash_of alice)
-expect 1 $'\n' "$bin" user passwd ALICE --password-stdin
+input=$'\n' expect 1 "$bin" user passwd ALICE --password-stdin
 [[ $out != *changed* && $(hash_of alice) == "$before" ]] || fail "empty passwd changed: $out"
-expect 0 $'battery staple\n' "$bin" user passwd ALICE --password-stdin
+input=$'battery staple\n' expect 0 "$bin" user passwd ALICE --password-stdin
 [[ $out == "password of alice changed" && $(hash_of alice) != "$before" ]] || fail "passwd: $out"
 
 # Control characters are refused in new names and shown escaped from older rows.
-expect 1 $'correct horse\n' "$bin" user add $'ev\x1b[2Je' --password-stdin
+input=$'correct horse\n' expect 1 "$bin" user add $'ev\x1b[2Je' --password-stdin
 sqlite3 "$db" "insert into users (username, fullname) values
     ('mal' || char(27) || '[31m', 'tab' || char(9) || 'name')"
-expect 0 "" "$bin" user list
+expect 0 "$bin" user list
 [[ $out != *$'\x1b'* ]] || fail "a raw escape character reached the listing"
 [[ $out == *'mal\x1B[31m'*'tab\x09name'* ]] || fail "listing: $out"
 
 # Names of an older database that now compare equal: listed with a warning, then renamed apart.
 sqlite3 "$db" "insert into users (username) values ('Bob'), ('BOB')"
-expect 0 "" "$bin" user list
+expect 0 "$bin" user list
 [[ $err == *warning*'"Bob"'*'"BOB"'* ]] || fail "no warning about Bob and BOB: $err"
-expect 1 "" "$bin" user mode bob 0 read
+expect 1 "$bin" user mode bob 0 read
 [[ $err == *ambiguous* ]] || fail "an ambiguous name was taken: $err"
-expect 0 "" "$bin" user rename BOB robert
-expect 0 "" "$bin" user list
+expect 0 "$bin" user rename BOB robert
+expect 0 "$bin" user list
 [[ -z $err && $out == *robert* ]] || fail "after the rename: $out :: $err"
 
 # What the program creates is its owner's only, though the shell's mask allows more.
 mkdir sample && echo hi >sample/a.txt
-expect 0 "" "$bin" import sample
+expect 0 "$bin" import sample
 for f in "$DOCADMIN_DATA" "$DOCADMIN_DATA/docroot"; do
     [[ $(stat -c %a "$f") == 700 ]] || fail "$f has mode $(stat -c %a "$f")"
 done
 [[ $(stat -c %a "$db") == 600 ]] || fail "$db has mode $(stat -c %a "$db")"
 
-if ((failures)); then
-    echo "$failures failures" >&2
-    exit 1
-fi
-echo "user verbs: all checks passed"
+finish "user verbs: all checks passed"

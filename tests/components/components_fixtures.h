@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -25,6 +26,15 @@ inline void WriteFile(const std::string& path, const std::string& content) {
 inline std::string ReadFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// Every entry below root, relative, folders with a trailing '/', sorted.
+inline std::vector<std::string> Listing(const std::string& root) {
+    std::vector<std::string> r;
+    for (auto& e : fs::recursive_directory_iterator(root))
+        r.push_back(fs::relative(e.path(), root).string() + (e.is_directory() ? "/" : ""));
+    std::sort(r.begin(), r.end());
+    return r;
 }
 
 // A folder of its own below the temporary folder, removed afterwards.

@@ -26,13 +26,6 @@ class FoldersTest : public TreeTest {
     TDocument* Stored(TDocDirectory* dir, const std::string& name, const std::string& content) {
         return Admin->SaveDoc(nullptr, chAdded, LocalFile("src_" + content, content), dir, name, 0);
     }
-    std::vector<std::string> Listing(const std::string& root) {
-        std::vector<std::string> r;
-        for (auto& e : fs::recursive_directory_iterator(root))
-            r.push_back(fs::relative(e.path(), root).string() + (e.is_directory() ? "/" : ""));
-        std::sort(r.begin(), r.end());
-        return r;
-    }
 
     std::unique_ptr<TTestDocAdmin> Admin;
     TTestStore* Store = nullptr;

@@ -26,7 +26,7 @@ TEST_F(ItemsTest, DocumentHeldThroughInterfaceOutlivesClearedDirectory) {
 }
 
 TEST_F(ItemsTest, ItemsHeldWhileAdministratorIsDestroyedLiveOnDetached) {
-    IPtr<IDirectory> dir;
+    IPtr<IDirectory> dir, root;
     IPtr<IDocument> doc;
     {
         TTestDocAdmin admin;
@@ -54,17 +54,15 @@ TEST_F(ItemsTest, ItemsHeldWhileAdministratorIsDestroyedLiveOnDetached) {
     sub.reset();
     res.reset();
     EXPECT_EQ(doc->Get_DocName(), "x.pdf");  // held by its own reference
-}
+    doc.reset();
 
-TEST_F(ItemsTest, HeldRootKeepsItsTreeButLosesTheAdministrator) {
-    IPtr<IDirectory> root;
+    // A held root keeps its whole tree but loses the administrator.
     {
         TTestDocAdmin admin;
         admin.AddDirectory(admin.AddDirectory(nullptr, "a"), "b");
         root = IPtr<IDirectory>(static_cast<IDirectory*>(admin.Directories()));
     }
-    TDocDirectory* r = IntfToDirectory(root.get());
-    EXPECT_EQ(r->DocAdmin(), nullptr);
+    EXPECT_EQ(IntfToDirectory(root.get())->DocAdmin(), nullptr);
     ASSERT_EQ(root->Get_ChildDirectoryCount(), 1);
     EXPECT_EQ(root->Get_ChildDirectory(0)->Get_ChildDirectory(0)->Get_Title(), "b");
     EXPECT_EQ(TCustomStorageItem::InstanceCount(), ItemsBefore() + 3);
@@ -99,38 +97,28 @@ TEST_F(ItemsTest, InterfacesAndCastsResolveToTheSameItem) {
 }
 
 TEST_F(ItemsTest, DeletingHeldChildrenFromTheListKeepsThemAlive) {
-    TTestDocAdmin admin;
-    TDocDirectory* d = admin.AddDirectory(nullptr, "d");
-    TDocDirectory* sub = admin.AddDirectory(d, "sub");
-    TDocument* doc = d->AddDocument();
-    IPtr<IDirectory> heldDir(static_cast<IDirectory*>(sub));
-    IPtr<IDocument> heldDoc(static_cast<IDocument*>(doc));
-    d->DeleteDirectory(0);
-    d->DeleteDocument(0);
-    EXPECT_EQ(d->ChildDirectoriesInMemory().size(), 0u);
-    EXPECT_EQ(d->DocumentsInMemory().size(), 0u);
-    EXPECT_EQ(heldDoc->Get_Directory(), nullptr);
-    EXPECT_EQ(sub->ParentDir(), d);  // a directory keeps its link
-    EXPECT_EQ(sub->RefCount(), 1);
-    heldDir.reset();
-    heldDoc.reset();
-}
-
-TEST_F(ItemsTest, DeletedHeldDirectoryLosesItsLinkWhenTheParentGoesFirst) {
-    IPtr<IDirectory> held;
+    IPtr<IDirectory> heldDir;
+    IPtr<IDocument> heldDoc;
     {
         TTestDocAdmin admin;
         TDocDirectory* d = admin.AddDirectory(nullptr, "d");
         TDocDirectory* sub = admin.AddDirectory(d, "sub");
-        held = IPtr<IDirectory>(static_cast<IDirectory*>(sub));
+        heldDir = IPtr<IDirectory>(static_cast<IDirectory*>(sub));
+        heldDoc = IPtr<IDocument>(static_cast<IDocument*>(d->AddDocument()));
         d->DeleteDirectory(0);
-        EXPECT_EQ(held->Get_ParentDir().get(), static_cast<IDirectory*>(d));
+        d->DeleteDocument(0);
+        EXPECT_EQ(d->ChildDirectoriesInMemory().size(), 0u);
+        EXPECT_EQ(d->DocumentsInMemory().size(), 0u);
+        EXPECT_EQ(heldDoc->Get_Directory(), nullptr);
+        EXPECT_EQ(heldDir->Get_ParentDir().get(), static_cast<IDirectory*>(d));  // kept link
+        EXPECT_EQ(sub->RefCount(), 1);
     }
     // The parent and its tree are gone; the held directory must not reach them.
-    EXPECT_EQ(held->Get_ParentDir(), nullptr);
-    EXPECT_EQ(held->Get_Title(), "sub");
-    EXPECT_EQ(IntfToDirectory(held.get())->Plugin(), "");
-    held.reset();
+    EXPECT_EQ(heldDir->Get_ParentDir(), nullptr);
+    EXPECT_EQ(heldDir->Get_Title(), "sub");
+    EXPECT_EQ(IntfToDirectory(heldDir.get())->Plugin(), "");
+    heldDir.reset();
+    heldDoc.reset();
 }
 
 TEST_F(ItemsTest, ChangeStateSetterRemembersTheStateBeforeDelete) {
@@ -224,7 +212,7 @@ TEST_F(ItemsTest, MovesFollowTheirOwnStateRules) {
     EXPECT_EQ(added->ParentDir(), b);
 }
 
-TEST_F(ItemsTest, PathQuotesTitlesAndGetChildDirByTitleFollowsIt) {
+TEST_F(ItemsTest, PathQuotesTitlesAndGetChildDirByTitleFollowsItAndItsSkipList) {
     TTestDocAdmin admin;
     TDocDirectory* a = admin.AddDirectory(nullptr, "a,b");
     TDocDirectory* q = admin.AddDirectory(a, "say \"hi\"");
@@ -237,10 +225,8 @@ TEST_F(ItemsTest, PathQuotesTitlesAndGetChildDirByTitleFollowsIt) {
     EXPECT_EQ(admin.Directories()->GetChildDirByTitle("\"a,b\",\"say \"\"hi\"\"\"", nullptr), q);
     EXPECT_EQ(admin.Directories()->GetChildDirByTitle("", nullptr), nullptr);
     EXPECT_EQ(admin.Directories()->GetChildDirByTitle("\"a,b\",\"C\"", nullptr), nullptr);
-}
 
-TEST_F(ItemsTest, SkipListWalksSameTitledSiblingsInTurn) {
-    TTestDocAdmin admin;
+    // A skip list walks same-titled siblings in turn.
     TDocDirectory* first = admin.AddDirectory(nullptr, "x");
     TDocDirectory* second = admin.AddDirectory(nullptr, "x");
     first->SetDirID(1);

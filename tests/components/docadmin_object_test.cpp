@@ -19,10 +19,6 @@ using namespace std::chrono_literals;
 const std::string kRecord1 = "{D0C0B1EC-0000-4000-8000-000000000001}";
 const std::string kRecord2 = "{D0C0B1EC-0000-4000-8000-000000000002}";
 
-std::string RecordPath(const std::string& ARecord) {
-    return "\"" + kPlugin + "\",Invoices#Records," + ARecord;
-}
-
 // The persistence host plus a background job scheduler.
 class TSchedulingMain : public TPersistMain {
   public:

@@ -15,9 +15,7 @@ using ConcurrencyTest = PersistTest;
 void ExpectStoreMatchesRows(PersistTest& t) {
     std::set<std::string> named;
     for (const char* schema : {"docadmindocs", "docadmin_docarchive"}) {
-        auto rs = t.Set(schema);
-        rs->GetSelectFields()->Add("fllocname");
-        rs->Open();
+        auto rs = t.Rows(schema);
         for (int i = 0; i < rs->GetRecordCount(); ++i)
             named.insert(rs->ValueByName(i, "fllocname").GetAsString());
     }
@@ -27,20 +25,13 @@ void ExpectStoreMatchesRows(PersistTest& t) {
     EXPECT_EQ(named, files);
 }
 
-// A document "a.txt" in folder "A"; answers its id.
-std::int32_t StoreOne(PersistTest& t, TDBDocAdmin& admin) {
-    admin.Directories()->ChildDirectoryCount();
-    TDocDirectory* a = admin.AddDirectory(nullptr, "A");
-    return admin.SaveDoc(nullptr, chAdded, t.LocalFile("a.txt", "v1"), a, "", 0)->DocID();
-}
-
 TDocument* LoadedDocument(TDBDocAdmin& admin) {
     return admin.Directories()->GetChildDirectorys(0)->GetDocuments(0);
 }
 
 TEST_P(ConcurrencyTest, AChangeBasedOnAnOutdatedRowFailsAndLeavesNothingBehind) {
     auto first = NewAdmin();
-    const std::int32_t id = StoreOne(*this, *first);
+    const std::int32_t id = StoreOne(*first).DocID;
     auto mine = NewAdmin();
     auto theirs = NewAdmin();
     TDocument* myDoc = LoadedDocument(*mine);
@@ -69,7 +60,7 @@ TEST_P(ConcurrencyTest, ConcurrentReplacesByIdLoseNoUpdateAndArchiveEachVersionO
     std::int32_t id = 0;
     {
         auto admin = NewAdmin();
-        id = StoreOne(*this, *admin);
+        id = StoreOne(*admin).DocID;
     }
     constexpr int kThreads = 4, kRounds = 3;
     std::atomic<int> won{0}, lost{0};
@@ -97,9 +88,7 @@ TEST_P(ConcurrencyTest, ConcurrentReplacesByIdLoseNoUpdateAndArchiveEachVersionO
     EXPECT_EQ(row->ValueByName(0, "flversion").GetAsString(),
               "0.0.0." + std::to_string(won.load()));
     EXPECT_EQ(RowCount("docadmin_docarchive"), won.load());
-    auto arch = Set("docadmin_docarchive");
-    arch->GetSelectFields()->Add("fllocname");
-    arch->Open();
+    auto arch = Rows("docadmin_docarchive");
     std::set<std::string> archived;
     for (int i = 0; i < arch->GetRecordCount(); ++i)
         archived.insert(arch->ValueByName(i, "fllocname").GetAsString());
@@ -109,12 +98,10 @@ TEST_P(ConcurrencyTest, ConcurrentReplacesByIdLoseNoUpdateAndArchiveEachVersionO
 
 TEST_P(ConcurrencyTest, DeleteByIdRemovesTheRowFirstAndKeepsFilesThatRowsStillName) {
     auto admin = NewAdmin();
-    const std::int32_t id = StoreOne(*this, *admin);
+    const std::int32_t id = StoreOne(*admin).DocID;
     admin->ReplaceFile(id, LocalFile("b.txt", "v2"), false, ramDefault);
-    auto arch = Set("docadmin_docarchive");
-    arch->GetSelectFields()->Add("fllocname");
-    arch->Open();
-    const std::string archived = arch->ValueByName(0, "fllocname").GetAsString();
+    const std::string archived =
+        Rows("docadmin_docarchive")->ValueByName(0, "fllocname").GetAsString();
     const std::string current = Row("docadmindocs", id)->ValueByName(0, "fllocname").GetAsString();
 
     // Rows of the store's own making go first; the archived version's file stays.
@@ -145,7 +132,7 @@ TEST_P(ConcurrencyTest, DeleteByIdRemovesTheRowFirstAndKeepsFilesThatRowsStillNa
 
 TEST_P(ConcurrencyTest, ASaveInsideTheCallersTransactionArchivesWithoutWaiting) {
     auto admin = NewAdmin();
-    StoreOne(*this, *admin);
+    StoreOne(*admin);
     TDocument* doc = LoadedDocument(*admin);
     const std::string before = doc->RemoteFileName();
     const std::int64_t tx = DB->BeginTransaction();
@@ -217,7 +204,7 @@ TEST_P(ConcurrencyTest, BatchedSaveCommitsEachBatchAndRollsBackOnlyTheFailedOne)
 
 TEST_P(ConcurrencyTest, AStoredFileShorterThanItsRowFailsTheDownloadAndKeepsTheDestination) {
     auto admin = NewAdmin();
-    const std::int32_t id = StoreOne(*this, *admin);
+    const std::int32_t id = StoreOne(*admin).DocID;
     const std::string remote = LoadedDocument(*admin)->RemoteFileName();
     fs::resize_file(StoreDir() + "/" + remote, 1);
     const std::string dest = LocalFile("dest.txt", "keep me");

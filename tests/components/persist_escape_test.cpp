@@ -8,36 +8,18 @@ namespace {
 
 using EscapeTest = PersistTest;
 
-std::vector<std::string> Listing(const std::string& root) {
-    std::vector<std::string> r;
-    for (auto& e : fs::recursive_directory_iterator(root))
-        r.push_back(fs::relative(e.path(), root).string() + (e.is_directory() ? "/" : ""));
-    std::sort(r.begin(), r.end());
-    return r;
-}
-
 TEST_P(EscapeTest, HandMadeTitlesAndNamesStayInsideTheExport) {
     auto admin = NewAdmin(kPlugin, "\"" + kPlugin + "\"");
     admin->Directories()->ChildDirectoryCount();  // makes the plug-in's folder
     const std::int64_t top = admin->Directories()->DirID();
     ASSERT_GT(top, 0);
-    auto dir = [&](const std::string& title, std::int64_t parent) {
-        return Insert("docadmindir", {{"title", TVariant(title)},
-                                      {"parentdirid", TVariant(static_cast<long long>(parent))},
-                                      {"pluginguid", TVariant(kPlugin)}});
-    };
     auto doc = [&](const std::string& name, std::int64_t parent) {
-        const std::string remote =
-            Store(*admin).UploadFile(LocalFile("c", name), std::string(), upmNew);
-        Insert("docadmindocs", {{"docname", TVariant(name)},
-                                {"dirid", TVariant(static_cast<long long>(parent))},
-                                {"fllocname", TVariant(remote)},
-                                {"flversion", TVariant("1.0.0.0")}});
+        InsertDoc(name, parent, Store(*admin).UploadFile(LocalFile("c", name), "", upmNew));
     };
-    const std::int64_t up = dir("..", dir("..", top));
+    const std::int64_t up = InsertDir("..", InsertDir("..", top));
     doc("../../x.txt", up);
-    doc("..", dir("", up));
-    doc("", dir("a/../b", top));
+    doc("..", InsertDir("", up));
+    doc("", InsertDir("a/../b", top));
 
     auto reader = NewAdmin(kPlugin, "\"" + kPlugin + "\"");
     reader->SetReadOnly(true);

@@ -16,34 +16,17 @@
 #include "_TDocFileLoaderLocFile.h"
 #include "components_fixtures.h"
 #include "host/db/db_test_support.h"
+#include "host/runtime/test_main_interface.h"
 
 namespace docadmin::test {
 
 // The host as far as an administrator needs it: the database and nothing else.
-class TPersistMain : public IMainInterface {
+class TPersistMain : public TTestMainInterface {
   public:
-    HRESULT QueryInterface(const TGUID& iid, void** obj) override {
-        if (iid == IMainInterface::IID || iid == IInterface::IID) {
-            *obj = static_cast<IMainInterface*>(this);
-            return S_OK;
-        }
-        *obj = nullptr;
-        return E_NOINTERFACE;
-    }
-    std::int32_t _AddRef() override { return -1; }
-    std::int32_t _Release() override { return -1; }
     IDBFieldSchema* GetDBFieldSchema() override {
         return const_cast<IDBFieldSchema*>(DB->GetFieldSchema());
     }
     IDBInterface* GetDBInterface() override { return DB; }
-    IVantrelDatabaseRepository* GetDatabaseRepository() override { return nullptr; }
-    ISettingsStorage* GetUserSettings() override { return nullptr; }
-    ISettingsStorage* GetGlobalSettings() override { return nullptr; }
-    ISettingsStorage* GetLocalSettings() override { return nullptr; }
-    ICustomApp* GetCustomApp() override { return nullptr; }
-    IUserAccess* GetUserAccess() override { return nullptr; }
-    ICurrentUser* GetCurrentUser() override { return nullptr; }
-    std::uint8_t RunMode() override { return 0; }
 
     IDBInterface* DB = nullptr;
 };
@@ -89,6 +72,18 @@ class TFlakyStore : public TDocFileLoaderLocFile {
 
 inline const std::string kPlugin = "{0C7D51E2-1F0B-4C55-9E7A-3B8F2D6A4C10}";
 
+// The path of a record's folder below the plug-in's "Invoices#Records" folder.
+inline std::string RecordPath(const std::string& ARecord) {
+    return "\"" + kPlugin + "\",Invoices#Records," + ARecord;
+}
+
+// A stored document, as StoreOne leaves it.
+struct TStored {
+    std::int64_t DirID = 0;
+    std::int32_t DocID = 0;
+    std::string Remote;
+};
+
 class PersistTest : public docadmin::testing::DBTest {
   public:
     using DBTest::Insert;
@@ -132,23 +127,44 @@ class PersistTest : public docadmin::testing::DBTest {
         WriteFile(path, content);
         return path;
     }
-    // Rows of a schema with an optional equality filter.
-    int RowCount(const std::string& schema, const std::string& field = "",
-                 const TVariant& value = TVariant()) {
-        auto rs = Set(schema);
-        if (!field.empty()) AddFilter(rs->GetFilters(), field, value);
-        rs->Open();
-        return rs->GetRecordCount();
+    // A folder "A" with one document "a.txt" of the content, saved through the administrator.
+    TStored StoreOne(TDBDocAdmin& admin, const std::string& content = "v1") {
+        admin.Directories()->ChildDirectoryCount();
+        TDocDirectory* a = admin.AddDirectory(nullptr, "A");
+        TDocument* doc = admin.SaveDoc(nullptr, chAdded, LocalFile("a.txt", content), a, "", 0);
+        return {a->DirID(), doc->DocID(), doc->RemoteFileName()};
     }
-    // One row by id, all columns.
-    std::unique_ptr<TKRRecordSet> Row(const std::string& schema, std::int64_t id) {
+    // The rows of a schema, all columns, with an optional equality filter.
+    std::unique_ptr<TKRRecordSet> Rows(const std::string& schema, const std::string& field = "",
+                                       const TVariant& value = TVariant()) {
         auto rs = Set(schema);
         rs->SetSelectAll(true);
-        AddFilter(rs->GetFilters(), "id", TVariant(static_cast<long long>(id)));
+        if (!field.empty()) AddFilter(rs->GetFilters(), field, value);
         rs->Open();
         return rs;
     }
+    int RowCount(const std::string& schema, const std::string& field = "",
+                 const TVariant& value = TVariant()) {
+        return Rows(schema, field, value)->GetRecordCount();
+    }
+    std::unique_ptr<TKRRecordSet> Row(const std::string& schema, std::int64_t id) {
+        return Rows(schema, "id", TVariant(static_cast<long long>(id)));
+    }
     static std::uint64_t Statements() { return DBStatementCount(); }
+    // Rows as another client may have written them, past the administrator's checks.
+    std::int64_t InsertDir(const std::string& title, std::int64_t parent,
+                           const std::string& plugin = kPlugin) {
+        return Insert("docadmindir", {{"title", TVariant(title)},
+                                      {"parentdirid", TVariant(static_cast<long long>(parent))},
+                                      {"pluginguid", TVariant(plugin)}});
+    }
+    std::int64_t InsertDoc(const std::string& name, std::int64_t dir,
+                           const std::string& remote = "") {
+        return Insert("docadmindocs", {{"docname", TVariant(name)},
+                                       {"dirid", TVariant(static_cast<long long>(dir))},
+                                       {"fllocname", TVariant(remote)},
+                                       {"flversion", TVariant("1.0.0.0")}});
+    }
 
     TPersistMain Main;
     TTempDir Temp;

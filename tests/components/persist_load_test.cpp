@@ -15,25 +15,6 @@ const std::string kRecord2 = "{A1B2C3D4-0000-4000-8000-000000000002}";
 const std::string kRecord3 = "{A1B2C3D4-0000-4000-8000-000000000003}";
 const std::string kRecord4 = "{A1B2C3D4-0000-4000-8000-000000000004}";
 
-std::string RecordPath(const std::string& ARecord) {
-    return "\"" + kPlugin + "\",Invoices#Records," + ARecord;
-}
-
-std::int64_t InsertDir(PersistTest& t, const std::string& title, std::int64_t parent,
-                       const std::string& plugin = kPlugin) {
-    return t.Insert("docadmindir", {{"title", TVariant(title)},
-                                    {"parentdirid", TVariant(static_cast<long long>(parent))},
-                                    {"pluginguid", TVariant(plugin)}});
-}
-
-std::int64_t InsertDoc(PersistTest& t, const std::string& name, std::int64_t dir,
-                       const std::string& remote = "") {
-    return t.Insert("docadmindocs", {{"docname", TVariant(name)},
-                                     {"dirid", TVariant(static_cast<long long>(dir))},
-                                     {"fllocname", TVariant(remote)},
-                                     {"flversion", TVariant("1.0.0.0")}});
-}
-
 std::vector<std::string> Titles(TDocDirectory* dir) {
     std::vector<std::string> r;
     for (std::int32_t i = 0; i < dir->ChildDirectoryCount(); ++i)
@@ -89,21 +70,17 @@ TEST_P(LoadTest, RecordFoldersCostAtMostTwoQueriesAndOneWithTheCacheWarm) {
     EXPECT_EQ(newRecord(kRecord4, true), 1u);
     ASSERT_EQ(RowCount("docadmindir"), 6);
     EXPECT_EQ(RowCount("docadmindir", "title", TVariant("Invoices#Records")), 1);
-    auto rec2 = Set("docadmindir");
-    AddFilter(rec2->GetFilters(), "title", TVariant(kRecord2));
-    rec2->Open();
-    auto root = Set("docadmindir");
-    AddFilter(root->GetFilters(), "title", TVariant("Invoices#Records"));
-    root->Open();
+    auto rec2 = Rows("docadmindir", "title", TVariant(kRecord2));
+    auto root = Rows("docadmindir", "title", TVariant("Invoices#Records"));
     EXPECT_EQ(rec2->ValueByName(0, "parentdirid").GetRealValue(), root->GetDBIDByRecNo(0));
 }
 
 TEST_P(LoadTest, TwoRecordFoldersOfOneTitleMergeAndTheSecondRowGoes) {
-    const std::int64_t root = InsertDir(*this, "Invoices#Records", 0);
-    const std::int64_t first = InsertDir(*this, kRecord1, root);
-    const std::int64_t second = InsertDir(*this, kRecord1, root);
-    InsertDoc(*this, "one.txt", first);
-    const std::int64_t moved = InsertDoc(*this, "two.txt", second);
+    const std::int64_t root = InsertDir("Invoices#Records", 0);
+    const std::int64_t first = InsertDir(kRecord1, root);
+    const std::int64_t second = InsertDir(kRecord1, root);
+    InsertDoc("one.txt", first);
+    const std::int64_t moved = InsertDoc("two.txt", second);
     auto admin = NewAdmin(kPlugin, RecordPath(kRecord1));
     admin->Directories()->ChildDirectoryCount();
     EXPECT_EQ(admin->Directories()->DirID(), first);
@@ -114,11 +91,11 @@ TEST_P(LoadTest, TwoRecordFoldersOfOneTitleMergeAndTheSecondRowGoes) {
 }
 
 TEST_P(LoadTest, TopLevelHoldsOrphansAndOnlyThePluginsFolders) {
-    const std::int64_t gone = InsertDir(*this, "Gone", 0);
-    InsertDir(*this, "Orphan", gone);
-    InsertDir(*this, "Top", 0);
-    InsertDir(*this, "Global", 0, "");
-    InsertDir(*this, "Other", 0, "{99999999-0000-4000-8000-000000000000}");
+    const std::int64_t gone = InsertDir("Gone", 0);
+    InsertDir("Orphan", gone);
+    InsertDir("Top", 0);
+    InsertDir("Global", 0, "");
+    InsertDir("Other", 0, "{99999999-0000-4000-8000-000000000000}");
     IPtr<IDBSQLStatement> st = DB->CreateStatement("");
     st->SetSchemaItem(GetSchemaByName(DB->GetFieldSchema(), "docadmindir").get());
     st->SetStatementKind(2);
@@ -141,12 +118,12 @@ TEST_P(LoadTest, TopLevelHoldsOrphansAndOnlyThePluginsFolders) {
 }
 
 TEST_P(LoadTest, DocumentsOfManyDirectoriesComeFromOneQuery) {
-    const std::int64_t a = InsertDir(*this, "A", 0);
-    const std::int64_t b = InsertDir(*this, "B", 0);
-    InsertDir(*this, "C", 0);
-    InsertDoc(*this, "b2.txt", b);
-    InsertDoc(*this, "a1.txt", a);
-    InsertDoc(*this, "b1.txt", b);
+    const std::int64_t a = InsertDir("A", 0);
+    const std::int64_t b = InsertDir("B", 0);
+    InsertDir("C", 0);
+    InsertDoc("b2.txt", b);
+    InsertDoc("a1.txt", a);
+    InsertDoc("b1.txt", b);
     auto admin = NewAdmin();
     admin->Directories()->ChildDirectoryCount();
     std::vector<TDocDirectory*> dirs = admin->Directories()->ChildDirectoriesInMemory();
@@ -182,7 +159,7 @@ TEST_P(LoadTest, DocumentFileInfoQueriesNothingForIdZeroAndNamesOldRows) {
     EXPECT_EQ(name, "");
     EXPECT_EQ(date, MinDateTime);
 
-    const std::int64_t old = InsertDoc(*this, "old.pdf", 0, "");
+    const std::int64_t old = InsertDoc("old.pdf", 0, "");
     EXPECT_EQ(admin->GetDocumentFileInfo(static_cast<std::int32_t>(old), name, date, false), "");
     const std::string made =
         admin->GetDocumentFileInfo(static_cast<std::int32_t>(old), name, date, true);
@@ -193,10 +170,10 @@ TEST_P(LoadTest, DocumentFileInfoQueriesNothingForIdZeroAndNamesOldRows) {
 }
 
 TEST_P(LoadTest, WhereTextFiltersDocumentsOnlyAndTheSetCountsAsComplete) {
-    const std::int64_t a = InsertDir(*this, "A", 0);
-    InsertDir(*this, "B", 0);
-    InsertDoc(*this, "keep.txt", a);
-    InsertDoc(*this, "drop.pdf", a);
+    const std::int64_t a = InsertDir("A", 0);
+    InsertDir("B", 0);
+    InsertDoc("keep.txt", a);
+    InsertDoc("drop.pdf", a);
     auto admin = NewAdmin();
     admin->ApplyParams("docname LIKE '%.txt' OR (docname = 'x' AND flsize > 10)");
     EXPECT_EQ(Titles(admin->Directories()), (std::vector<std::string>{"A", "B"}));
@@ -210,7 +187,7 @@ TEST_P(LoadTest, WhereTextFiltersDocumentsOnlyAndTheSetCountsAsComplete) {
 }
 
 TEST_P(LoadTest, WhereTextWithAValueOnTheLeftFailsAtTheFirstLoad) {
-    InsertDir(*this, "A", 0);
+    InsertDir("A", 0);
     auto admin = NewAdmin();
     admin->ApplyParams("'x' = docname");
     TDocDirectory* a = admin->Directories()->GetChildDirectorys(0);
@@ -228,11 +205,11 @@ TEST_P(LoadTest, WhereTextWithAValueOnTheLeftFailsAtTheFirstLoad) {
 TEST_P(LoadTest, RecordFlagsRestrictChildFoldersAndDocuments) {
     TDBRecordFlagsPlugin flags(DB.get());
     ASSERT_TRUE(flags.Available());
-    const std::int64_t parent = InsertDir(*this, "P", 0);
-    const std::int64_t red = InsertDir(*this, "Red", parent);
-    InsertDir(*this, "Plain", parent);
-    const std::int64_t urgentDoc = InsertDoc(*this, "urgent.txt", parent);
-    InsertDoc(*this, "calm.txt", parent);
+    const std::int64_t parent = InsertDir("P", 0);
+    const std::int64_t red = InsertDir("Red", parent);
+    InsertDir("Plain", parent);
+    const std::int64_t urgentDoc = InsertDoc("urgent.txt", parent);
+    InsertDoc("calm.txt", parent);
     const std::int64_t colour = flags.DefineFlag("docadmindir", "red", 2);
     flags.SetFlag("docadmindir", red, colour);
     const std::int64_t urgent = flags.DefineFlag("docadmindocs", "Urgent", 1);
@@ -298,16 +275,14 @@ TEST_P(LoadTest, ATreeOutlivesItsAdministratorAndDatabaseConnection) {
 }
 
 TEST_P(LoadTest, APathWithoutGuidIsWalkedFromTheTopLevelAndLeavesOtherFoldersAlone) {
-    InsertDir(*this, "Other", 0, "");
-    const std::int64_t projects = InsertDir(*this, "Projects", 0, "");
+    InsertDir("Other", 0, "");
+    const std::int64_t projects = InsertDir("Projects", 0, "");
     auto admin = NewAdmin(GlobalPluginGUID, "Projects,2024");
     admin->Directories()->ChildDirectoryCount();
     EXPECT_EQ(admin->Directories()->Titel(), "2024");
     EXPECT_EQ(RowCount("docadmindir"), 3);
     EXPECT_EQ(RowCount("docadmindir", "title", TVariant("Other")), 1);
-    auto year = Set("docadmindir");
-    AddFilter(year->GetFilters(), "title", TVariant("2024"));
-    year->Open();
+    auto year = Rows("docadmindir", "title", TVariant("2024"));
     ASSERT_EQ(year->GetRecordCount(), 1);
     EXPECT_EQ(year->ValueByName(0, "parentdirid").GetRealValue(), projects);
     EXPECT_EQ(admin->Directories()->DirID(), year->GetDBIDByRecNo(0));

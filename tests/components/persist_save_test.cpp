@@ -9,20 +9,6 @@ namespace {
 
 using SaveTest = PersistTest;
 
-// A folder "A" with one stored document, saved through its own administrator.
-struct TStored {
-    std::int64_t DirID = 0;
-    std::int32_t DocID = 0;
-    std::string Remote;
-};
-
-TStored StoreOne(PersistTest& t, TDBDocAdmin& admin, const std::string& content) {
-    admin.Directories()->ChildDirectoryCount();
-    TDocDirectory* a = admin.AddDirectory(nullptr, "A");
-    TDocument* doc = admin.SaveDoc(nullptr, chAdded, t.LocalFile("a.txt", content), a, "", 0);
-    return {a->DirID(), doc->DocID(), doc->RemoteFileName()};
-}
-
 TEST_P(SaveTest, NothingChangedSavesNothing) {
     auto admin = NewAdmin();
     int saved = 0;
@@ -86,7 +72,7 @@ TEST_P(SaveTest, DocumentAddedAndDeletedBeforeSaveLeavesNoTrace) {
 
 TEST_P(SaveTest, MetadataChangeWritesEveryFieldAndNoFile) {
     auto admin = NewAdmin();
-    const TStored s = StoreOne(*this, *admin, "body");
+    const TStored s = StoreOne(*admin, "body");
     TDocument* doc = admin->Directories()->GetChildDirectorys(0)->GetDocuments(0);
     // Spoil the row behind the administrator's back: the save must write every field again.
     IPtr<IDBSQLStatement> st = DB->CreateStatement("");
@@ -129,7 +115,7 @@ TEST_P(SaveTest, DeletingADirectoryRemovesDocumentsRowsAndItems) {
     std::int64_t sub = 0;
     {
         auto admin = NewAdmin();
-        s = StoreOne(*this, *admin, "one");
+        s = StoreOne(*admin, "one");
         TDocDirectory* a = admin->Directories()->GetChildDirectorys(0);
         TDocDirectory* b = admin->AddDirectory(a, "B");
         admin->SaveDoc(nullptr, chAdded, LocalFile("b.txt", "two"), b, "", 0);
@@ -170,7 +156,7 @@ TEST_P(SaveTest, DeletingADirectoryRemovesDocumentsRowsAndItems) {
 
 TEST_P(SaveTest, ReplaceInPlaceWithoutArchiveOrArchiveOncePerSave) {
     auto admin = NewAdmin();
-    const TStored s = StoreOne(*this, *admin, "v1");
+    const TStored s = StoreOne(*admin, "v1");
     TDocument* doc = admin->Directories()->GetChildDirectorys(0)->GetDocuments(0);
 
     // Without archive the new content still goes to a new file; the old one goes after the row.
@@ -191,9 +177,7 @@ TEST_P(SaveTest, ReplaceInPlaceWithoutArchiveOrArchiveOncePerSave) {
     EXPECT_NE(doc->RemoteFileName(), v2);
     EXPECT_EQ(Store(*admin).Content(doc->RemoteFileName()), "v4-444");
     EXPECT_EQ(Store(*admin).Content(v2), "v2-2");
-    auto arch = Set("docadmin_docarchive");
-    arch->SetSelectAll(true);
-    arch->Open();
+    auto arch = Rows("docadmin_docarchive");
     EXPECT_EQ(arch->ValueByName(0, "fllocname").GetAsString(), v2);
     EXPECT_EQ(arch->ValueByName(0, "flsize").GetAsInteger(), 4);
     EXPECT_EQ(arch->ValueByName(0, "docadmindocid").GetRealValue(), s.DocID);
@@ -206,7 +190,7 @@ TEST_P(SaveTest, ReplaceInPlaceWithoutArchiveOrArchiveOncePerSave) {
 
 TEST_P(SaveTest, FailedUploadAbortKeepsNewDocumentAddedAndOldRowAndFile) {
     auto admin = NewAdmin();
-    const TStored s = StoreOne(*this, *admin, "old");
+    const TStored s = StoreOne(*admin, "old");
     TDocDirectory* a = admin->Directories()->GetChildDirectorys(0);
     TDocument* old = a->GetDocuments(0);
     admin->SetAutoSave(false);
@@ -280,7 +264,7 @@ TEST_P(SaveTest, ConnectionClosedGracefullyCountsAsDone) {
 
 TEST_P(SaveTest, RemovalOfAFileAlreadyGoneStillDeletesTheRow) {
     auto admin = NewAdmin();
-    const TStored s = StoreOne(*this, *admin, "x");
+    const TStored s = StoreOne(*admin, "x");
     fs::remove(StoreDir() + "/" + s.Remote);
     TDocument* doc = admin->Directories()->GetChildDirectorys(0)->GetDocuments(0);
     admin->DeleteDocument(doc);
@@ -306,7 +290,7 @@ TEST_P(SaveTest, UnknownSectionsFailBeforeAnythingIsWritten) {
 
 TEST_P(SaveTest, UpdateDocumentWithIDReplacesByIdOnly) {
     auto admin = NewAdmin();
-    const TStored s = StoreOne(*this, *admin, "first");
+    const TStored s = StoreOne(*admin, "first");
     const int uploads = Store(*admin).Uploads;
     EXPECT_FALSE(admin->UpdateDocumentWithID(admin.get(), s.DocID + 1000, LocalFile("u", "u"),
                                              admin->DocFileLoader(), true, true));
@@ -338,9 +322,7 @@ TEST_P(SaveTest, UpdateDocumentWithIDReplacesByIdOnly) {
     EXPECT_EQ(row->ValueByName(0, "docname").GetAsString(), "u2.txt");
     EXPECT_TRUE(CompareFileVersion(StrToFileVersion(row->ValueByName(0, "flversion").GetAsString()),
                                    StrToFileVersion(v1)) > 0);
-    auto arch = Set("docadmin_docarchive");
-    arch->SetSelectAll(true);
-    arch->Open();
+    auto arch = Rows("docadmin_docarchive");
     ASSERT_EQ(arch->GetRecordCount(), 1);
     EXPECT_EQ(arch->ValueByName(0, "fllocname").GetAsString(), r1);
     EXPECT_EQ(arch->ValueByName(0, "flversion").GetAsString(), v1);
@@ -351,7 +333,7 @@ TEST_P(SaveTest, UpdateDocumentWithIDReplacesByIdOnly) {
 
 TEST_P(SaveTest, FailedUploadInUpdateDocumentWithIDLeavesTheRow) {
     auto admin = NewAdmin();
-    const TStored s = StoreOne(*this, *admin, "keep");
+    const TStored s = StoreOne(*admin, "keep");
     Store(*admin).FailUploads = 1;
     EXPECT_THROW(admin->UpdateDocumentWithID(admin.get(), s.DocID, LocalFile("f.txt", "longer"),
                                              admin->DocFileLoader(), false, true),

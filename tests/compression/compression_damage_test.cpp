@@ -11,38 +11,12 @@ namespace {
 
 using namespace docadmin::testing;
 
-constexpr std::int32_t kFast = 524288;
 const std::string kDecompression = "TECLStream.LoadBlock - decompression error.";
 const std::string kInvalidSize = "TECLStream.LoadBlock - decompression error, invalid size.";
 const std::string kCrc = "TECLStream.LoadBlock - decompression crc error.";
 
-Bytes Pack(const Bytes& data, TECLCompressionLevel level = zlibFastest) {
-    TMemoryStream mem, src;
-    src.WriteBuffer(data.data(), static_cast<std::int64_t>(data.size()));
-    TECLStream s(&mem, true, "", level, 0);
-    s.LoadFromStream(src);
-    return mem.Data();
-}
-
-// The message of what op raises, or "" when it raises nothing.
-template <class F>
-std::string FailureOf(F&& op) {
-    try {
-        op();
-    } catch (const Exception& e) {
-        return e.Message();
-    }
-    return "";
-}
-
 bool StartsWith(const std::string& s, const std::string& prefix) {
     return s.rfind(prefix, 0) == 0;
-}
-
-std::shared_ptr<TMemoryStream> InMemory(const Bytes& f) {
-    auto m = std::make_shared<TMemoryStream>();
-    m->WriteBuffer(f.data(), static_cast<std::int64_t>(f.size()));
-    return m;
 }
 
 // Whole-stream reads of a damaged container fail with the decompression text and the damage.
@@ -149,9 +123,8 @@ TEST(ECLDamageTest, FlippedBitFailsOnItsBlockOnly) {
     for (const std::size_t spot : spots) {
         Bytes bad = good;
         bad[spot] ^= 0x10;
-        TMemoryStream m;
-        m.WriteBuffer(bad.data(), static_cast<std::int64_t>(bad.size()));
-        TECLStream s(&m, false, "", zlibMax, 0);
+        auto m = InMemory(bad);
+        TECLStream s(m.get(), false, "", zlibMax, 0);
         EXPECT_NO_THROW(s.LoadBlock(0));
         EXPECT_NO_THROW(s.LoadBlock(2));
         const std::string msg = FailureOf([&] { s.LoadBlock(1); });
@@ -216,10 +189,9 @@ TEST(ECLDamageTest, KeptFuzzerInputsDoNotCrash) {
         if (!entry.is_regular_file() || entry.path().extension() == ".md") continue;
         ++seen;
         const Bytes input = ReadAll(entry.path());
-        TMemoryStream m;
-        if (!input.empty()) m.WriteBuffer(input.data(), static_cast<std::int64_t>(input.size()));
+        auto m = InMemory(input);
         try {
-            TECLStream s(&m, false, "", zlibMax, 0);
+            TECLStream s(m.get(), false, "", zlibMax, 0);
             TMemoryStream out;
             s.SaveToStream(out);
             EXPECT_EQ(out.Size(), s.Size()) << entry.path();

@@ -76,26 +76,15 @@ TEST(ECLFormatTest, ThreeMillionBytesMakeTwoBlocksAndComeBack) {
 }
 
 TEST(ECLFormatTest, BlockBoundaryDecidesTheBlockCount) {
-    const std::int32_t bs = ECLBlockSizeOf(zlibFastest);
-    ASSERT_EQ(bs, 524288);
-    for (const std::int64_t len : {std::int64_t{bs}, std::int64_t{bs} + 1}) {
-        TMemoryStream mem;
-        const Bytes data = MixedData(static_cast<std::size_t>(len), 5);
-        {
-            TECLStream s(&mem, true, "", zlibFastest, 0);
-            TMemoryStream src;
-            src.WriteBuffer(data.data(), len);
-            s.LoadFromStream(src);
-        }
+    ASSERT_EQ(ECLBlockSizeOf(zlibFastest), kFast);
+    const std::uint32_t bs = kFast;
+    for (const std::uint32_t len : {bs, bs + 1}) {
+        SCOPED_TRACE(len);
+        const Bytes data = MixedData(len, 5);
         std::vector<RawBlock> blocks;
-        EXPECT_EQ(IndependentRead(mem.Data(), &blocks), data);
-        if (len == bs) {
-            ASSERT_EQ(blocks.size(), 1u);
-            EXPECT_EQ(blocks[0].trueSize, static_cast<std::uint32_t>(bs));
-        } else {
-            ASSERT_EQ(blocks.size(), 2u);
-            EXPECT_EQ(blocks[1].trueSize, 1u);
-        }
+        EXPECT_EQ(IndependentRead(Pack(data), &blocks), data);
+        ASSERT_EQ(blocks.size(), len == bs ? 1u : 2u);
+        EXPECT_EQ(blocks.back().trueSize, len == bs ? bs : 1u);
     }
 }
 
@@ -126,60 +115,41 @@ TEST(ECLFormatTest, ShortOrUnsignedFilesArePlain) {
 TEST(ECLFormatTest, EveryZlibLevelRoundTripsWithItsBlockSize) {
     const Bytes data = MixedData(2500000, 11);
     for (TECLCompressionLevel level : {zlibFastest, zlibNormal, zlibMax}) {
-        TMemoryStream mem, src, out;
-        src.WriteBuffer(data.data(), static_cast<std::int64_t>(data.size()));
+        SCOPED_TRACE(ECLLevelName(level));
+        TMemoryStream mem, out;
         TECLStream s(&mem, true, "", level, 0);
-        s.LoadFromStream(src);
+        s.LoadFromStream(*InMemory(data));
         s.SaveToStream(out);
-        EXPECT_EQ(out.Data(), data) << ECLLevelName(level);
+        EXPECT_EQ(out.Data(), data);
         EXPECT_EQ(U32At(mem.Data(), 4), static_cast<std::uint32_t>(ECLBlockSizeOf(level)));
         EXPECT_EQ(mem.Data()[20], level);
-        EXPECT_EQ(IndependentRead(mem.Data()), data) << ECLLevelName(level);
+        EXPECT_EQ(IndependentRead(mem.Data()), data);
     }
     // Level 0 writes no header at all: the file is the plain data.
-    TMemoryStream mem, src;
-    src.WriteBuffer(data.data(), 1000);
-    TECLStream s(&mem, true, "", eclNone, 0);
-    s.LoadFromStream(src);
-    EXPECT_EQ(mem.Data(), Bytes(data.begin(), data.begin() + 1000));
+    const Bytes head(data.begin(), data.begin() + 1000);
+    EXPECT_EQ(Pack(head, eclNone), head);
 }
 
 TEST(ECLFormatTest, LevelsWithoutCompressorFail) {
     for (TECLCompressionLevel level :
          {ppmNormal, ppmMax, ppmFastest, bzipFastest, bzipNormal, bzipMax}) {
+        SCOPED_TRACE(ECLLevelName(level));
         TMemoryStream mem;
         TECLStream s(&mem, true, "", level, 0);
         EXPECT_EQ(s.CompressionLevel(), level);
         EXPECT_EQ(U32At(mem.Data(), 4), static_cast<std::uint32_t>(ECLBlockSizeOf(level)));
-        try {
-            s.WriteBuffer("abc", 3);
-            ADD_FAILURE() << "wrote at " << ECLLevelName(level);
-        } catch (const Exception& e) {
-            EXPECT_EQ(e.Message(),
-                      "TECLStream.PrepareBufferForWriting - compression error in PrepareBuffer.");
-        }
+        EXPECT_EQ(FailureOf([&] { s.WriteBuffer("abc", 3); }),
+                  "TECLStream.PrepareBufferForWriting - compression error in PrepareBuffer.");
     }
     // A zlib block in a file that names an unavailable level cannot be read.
-    TMemoryStream mem, src;
-    src.WriteBuffer("hello", 5);
-    {
-        TECLStream s(&mem, true, "", zlibMax, 0);
-        s.LoadFromStream(src);
-    }
-    Bytes f = mem.Data();
+    Bytes f = Pack({'h', 'e', 'l', 'l', 'o'}, zlibMax);
     f[20] = ppmMax;
-    TMemoryStream damaged;
-    damaged.WriteBuffer(f.data(), static_cast<std::int64_t>(f.size()));
-    TECLStream s(&damaged, false, "", zlibMax, 0);
+    auto damaged = InMemory(f);
+    TECLStream s(damaged.get(), false, "", zlibMax, 0);
     EXPECT_EQ(s.Size(), 5);
     char buf[5];
-    try {
-        s.Read(buf, 5);
-        ADD_FAILURE() << "read an unavailable level";
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.Message(),
-                  "TECLStream.LoadBlock - decompression error. Block 1 of 1 is damaged.");
-    }
+    EXPECT_EQ(FailureOf([&] { s.Read(buf, 5); }),
+              "TECLStream.LoadBlock - decompression error. Block 1 of 1 is damaged.");
 }
 
 // Chain pointers are 32-bit: a container that would need a larger offset is refused, whether it
@@ -190,11 +160,10 @@ TEST(ECLFormatTest, OffsetsBeyondTheFormatsLimitAreRefused) {
     TECLStream::MaxFileOffset = 600000;
     const Bytes data = RandomData(700000);  // incompressible: two blocks, the second too far
     for (unsigned threads : {1u, 4u}) {
-        TMemoryStream src, mem;
-        src.WriteBuffer(data.data(), static_cast<std::int64_t>(data.size()));
+        TMemoryStream mem;
         TECLStream s(&mem, true, "", zlibFastest, 0);
         s.SetThreads(threads);
-        EXPECT_THROW(s.LoadFromStream(src), EECLSizeLimit) << threads;
+        EXPECT_THROW(s.LoadFromStream(*InMemory(data)), EECLSizeLimit) << threads;
     }
     TMemoryStream mem;
     TECLStream s(&mem, true, "", zlibFastest, 0);
@@ -209,12 +178,11 @@ TEST(ECLFormatTest, ParallelLoadWritesTheSequentialBytes) {
         Bytes written[2];
         std::vector<double> progress[2];
         for (int k = 0; k < 2; ++k) {
-            TMemoryStream mem, src;
-            src.WriteBuffer(data.data(), static_cast<std::int64_t>(len));
+            TMemoryStream mem;
             TECLStream s(&mem, true, "", zlibMax, 16);
             s.SetThreads(k == 0 ? 1 : 3);
             s.OnProgress = [&, k](TObject*, double p) { progress[k].push_back(p); };
-            s.LoadFromStream(src);
+            s.LoadFromStream(*InMemory(data));
             written[k] = mem.Data();
             EXPECT_EQ(s.Size(), static_cast<std::int64_t>(len));
         }
@@ -239,18 +207,10 @@ TEST(ECLFormatTest, CustomHeaderShiftsTheFirstBlock) {
 }
 
 TEST(ECLFormatTest, MissingStreamIsRefused) {
-    try {
-        TECLStream s(nullptr, true, "", zlibMax, 0);
-        ADD_FAILURE();
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.Message(), "TECLStream.Create - data stream = nil.");
-    }
-    try {
-        TECLBaseStream s(nullptr);
-        ADD_FAILURE();
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.Message(), "TECLBaseStream.Create - Stream = nil.");
-    }
+    EXPECT_EQ(FailureOf([] { TECLStream s(nullptr, true, "", zlibMax, 0); }),
+              "TECLStream.Create - data stream = nil.");
+    EXPECT_EQ(FailureOf([] { TECLBaseStream s(nullptr); }),
+              "TECLBaseStream.Create - Stream = nil.");
 }
 
 }  // namespace

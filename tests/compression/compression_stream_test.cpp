@@ -10,17 +10,13 @@ namespace {
 
 using namespace docadmin::testing;
 
-constexpr std::int32_t kFast = 524288;  // block size of zlibFastest
-
 // A container in memory holding data, written block by block.
 struct MemContainer {
     TMemoryStream mem;
     std::unique_ptr<TECLStream> s;
     explicit MemContainer(const Bytes& data, TECLCompressionLevel level = zlibFastest) {
         s = std::make_unique<TECLStream>(&mem, true, "", level, 0);
-        TMemoryStream src;
-        src.WriteBuffer(data.data(), static_cast<std::int64_t>(data.size()));
-        s->LoadFromStream(src);
+        s->LoadFromStream(*InMemory(data));
     }
     Bytes Plain() {
         Bytes out(static_cast<std::size_t>(s->Size()));
@@ -35,18 +31,14 @@ TEST(ECLStreamTest, CreatingOverOldContentGivesTheSameBytesAsOnAnEmptyStream) {
     // already holds bytes is emptied first, an empty one is left as it is.
     for (const Bytes& data : {MixedData(3000), RandomData(3 * kFast + 100)}) {
         MemContainer fresh(data);
-        TMemoryStream old;
-        const Bytes junk = RandomData(5 * kFast, 3);
-        old.WriteBuffer(junk.data(), static_cast<std::int64_t>(junk.size()));
-        TECLStream reused(&old, true, "", zlibFastest, 0);
+        auto old = InMemory(RandomData(5 * kFast, 3));
+        TECLStream reused(old.get(), true, "", zlibFastest, 0);
         EXPECT_EQ(reused.Size(), 0);
-        TMemoryStream src;
-        src.WriteBuffer(data.data(), static_cast<std::int64_t>(data.size()));
-        reused.LoadFromStream(src);
-        EXPECT_EQ(old.Data(), fresh.mem.Data());
+        reused.LoadFromStream(*InMemory(data));
+        EXPECT_EQ(old->Data(), fresh.mem.Data());
         EXPECT_EQ(fresh.Plain(), data);
         // A new container opened again reads as written.
-        TECLStream again(&old, false, "", zlibFastest, 0);
+        TECLStream again(old.get(), false, "", zlibFastest, 0);
         EXPECT_EQ(again.CompressionLevel(), zlibFastest);
         EXPECT_EQ(again.Size(), static_cast<std::int64_t>(data.size()));
     }
@@ -257,20 +249,12 @@ TEST(ECLStreamTest, ReadOnlyShellRefusesChanges) {
     WriteAll(dir / "src", {1, 2, 3});
     TECLFileStream r(dir / "c", fmShareDenyWrite, "", zlibMax, 0);
     EXPECT_TRUE(r.ReadOnly());
-    auto expectText = [](const auto& op, const std::string& text) {
-        try {
-            op();
-            ADD_FAILURE() << "no failure for " << text;
-        } catch (const Exception& e) {
-            EXPECT_EQ(e.Message(), text);
-        }
-    };
-    expectText([&] { r.Write("x", 1); },
-               "TECLAdvCompressedStream.Write - file is in read only mode.");
-    expectText([&] { r.SetSize(5); },
-               "TECLAdvCompressedStream.SetSize - file is in read only mode.");
-    expectText([&] { r.LoadFromFile(dir / "src"); },
-               "TECLAdvCompressedStream.LoadFromStream - file is in read only mode.");
+    EXPECT_EQ(FailureOf([&] { r.Write("x", 1); }),
+              "TECLAdvCompressedStream.Write - file is in read only mode.");
+    EXPECT_EQ(FailureOf([&] { r.SetSize(5); }),
+              "TECLAdvCompressedStream.SetSize - file is in read only mode.");
+    EXPECT_EQ(FailureOf([&] { r.LoadFromFile(dir / "src"); }),
+              "TECLAdvCompressedStream.LoadFromStream - file is in read only mode.");
     EXPECT_EQ(ReadAll(dir / "c").size(), 128u);
     // A read-write open may write.
     TECLFileStream rw(dir / "c", fmOpenReadWrite, "", zlibMax, 0);
@@ -313,9 +297,8 @@ TEST(ECLStreamTest, EncMethodIsIgnoredOnRead) {
     MemContainer c(MixedData(5000, 3));
     Bytes f = c.mem.Data();
     f[22] = 7;  // EncMethod
-    TMemoryStream m;
-    m.WriteBuffer(f.data(), static_cast<std::int64_t>(f.size()));
-    TECLStream s(&m, false, "secret", zlibMax, 0);
+    auto m = InMemory(f);
+    TECLStream s(m.get(), false, "secret", zlibMax, 0);
     EXPECT_FALSE(s.GetEncrypted());
     Bytes out(5000);
     s.ReadBuffer(out.data(), 5000);

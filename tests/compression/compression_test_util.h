@@ -9,13 +9,44 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "_TECLFileStream.h"
+
 namespace docadmin::testing {
 
 using Bytes = std::vector<std::uint8_t>;
+
+constexpr std::int32_t kFast = 524288;  // block size of zlibFastest
+
+// A memory stream holding the bytes.
+inline std::shared_ptr<TMemoryStream> InMemory(const Bytes& b) {
+    auto m = std::make_shared<TMemoryStream>();
+    if (!b.empty()) m->WriteBuffer(b.data(), static_cast<std::int64_t>(b.size()));
+    return m;
+}
+
+// The container of the data at the level, written block by block.
+inline Bytes Pack(const Bytes& data, TECLCompressionLevel level = zlibFastest) {
+    TMemoryStream mem;
+    TECLStream s(&mem, true, "", level, 0);
+    s.LoadFromStream(*InMemory(data));
+    return mem.Data();
+}
+
+// The message of what op raises, or "" when it raises nothing.
+template <class F>
+std::string FailureOf(F&& op) {
+    try {
+        op();
+    } catch (const Exception& e) {
+        return e.Message();
+    }
+    return "";
+}
 
 // Text-like, compressible bytes followed by random ones, reproducible from the seed.
 inline Bytes MixedData(std::size_t n, std::uint32_t seed = 1) {

@@ -1,5 +1,5 @@
 // A small in-memory host for the store tests: a main interface with a database repository,
-// user and local settings, and nothing else.
+// user, global and local settings, and nothing else.
 #pragma once
 
 #include <map>
@@ -9,6 +9,7 @@
 
 #include "_PluginIntf.h"
 #include "_TBaseDocFileLoader.h"
+#include "host/runtime/test_main_interface.h"
 
 namespace docadmin::test {
 
@@ -37,30 +38,12 @@ class FakeSettings : public ISettingsStorage {
 };
 
 // Databases are numbered 0 (selected) and 1 (offline, when hasOffline).
-class FakeHost : public TInterfacedObject,
-                 public IMainInterface,
-                 public IVantrelDatabaseRepository {
+class FakeHost : public TTestMainInterface, public IVantrelDatabaseRepository {
   public:
-    HRESULT QueryInterface(const TGUID& iid, void** obj) override {
-        if (iid == IMainInterface::IID) {
-            *obj = static_cast<IMainInterface*>(this);
-            _AddRef();
-            return S_OK;
-        }
-        return TInterfacedObject::QueryInterface(iid, obj);
-    }
-    std::int32_t _AddRef() override { return TInterfacedObject::_AddRef(); }
-    std::int32_t _Release() override { return TInterfacedObject::_Release(); }
-
-    IDBFieldSchema* GetDBFieldSchema() override { return nullptr; }
-    IDBInterface* GetDBInterface() override { return nullptr; }
     IVantrelDatabaseRepository* GetDatabaseRepository() override { return this; }
     ISettingsStorage* GetUserSettings() override { return &user; }
     ISettingsStorage* GetGlobalSettings() override { return &global; }
     ISettingsStorage* GetLocalSettings() override { return &local; }
-    ICustomApp* GetCustomApp() override { return nullptr; }
-    IUserAccess* GetUserAccess() override { return nullptr; }
-    ICurrentUser* GetCurrentUser() override { return nullptr; }
     std::uint8_t RunMode() override { return 3; }
 
     int SelectedDatabaseIndex() override { return 0; }

@@ -19,79 +19,51 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
-class LocalStoreTest : public ::testing::Test {
-  protected:
-    LocalStoreTest() : host(new FakeHost) {
-        host->userDocuments = (dir / "userdocs").string();
-        host->defaultDocRoot = (dir / "data" / "docroot").string();
-        fs::create_directories(dir / "local");
-    }
-    template <class T = TDocFileLoaderLocFile>
-    std::unique_ptr<T> Make(bool offline = false) {
-        auto s = std::make_unique<T>(nullptr);
-        s->SetMainInterface(host.get());
-        s->LoadSettings(offline);
-        return s;
-    }
-    std::string LocalFile(const std::string& name, const std::string& content) {
-        WriteAll(dir / "local" / name, content);
-        return (dir / "local" / name).string();
-    }
-    std::string Fetch(TBaseDocFileLoader& s, const std::string& remote) {
-        s.DownloadFile(remote, (dir / "local" / "fetched").string());
-        return ReadAll(dir / "local" / "fetched");
-    }
-
-    ScratchDir dir;
-    IPtr<FakeHost> host;
-};
-
 TEST_F(LocalStoreTest, FolderComesFromTheSelectedDatabaseOrTheDefaultDocRoot) {
-    EXPECT_EQ(Make()->FilePath(), host->defaultDocRoot);
-    EXPECT_TRUE(fs::is_directory(host->defaultDocRoot)) << "created on first use";
+    EXPECT_EQ(Make()->FilePath(), host.defaultDocRoot);
+    EXPECT_TRUE(fs::is_directory(host.defaultDocRoot)) << "created on first use";
 
-    host->dbSettings[{0, "DocumentsPath"}] = "$UserDocuments$docs/";
+    host.dbSettings[{0, "DocumentsPath"}] = "$UserDocuments$docs/";
     auto s = Make();
-    EXPECT_EQ(s->FilePath(), host->userDocuments + "/docs") << "expanded, separator dropped";
+    EXPECT_EQ(s->FilePath(), host.userDocuments + "/docs") << "expanded, separator dropped";
     EXPECT_TRUE(fs::is_directory(s->FilePath()));
-    EXPECT_EQ(TDocFileLoaderLocFile::SelectedDatabaseLocalDocPath(host.get()),
-              "$UserDocuments$docs/");
+    EXPECT_EQ(TDocFileLoaderLocFile::SelectedDatabaseLocalDocPath(&host), "$UserDocuments$docs/");
 
     s->SetFilePath((dir / "other").string() + "/");
     EXPECT_EQ(s->FilePath(), (dir / "other").string());
 }
 
 TEST_F(LocalStoreTest, OfflineFolderComesFromTheOfflineDatabase) {
-    host->dbSettings[{0, "DocumentsPath"}] = (dir / "online").string();
-    EXPECT_EQ(Make(true)->FilePath(), host->userDocuments + "/offlinedocroot")
+    host.dbSettings[{0, "DocumentsPath"}] = (dir / "online").string();
+    EXPECT_EQ(Make(true)->FilePath(), host.userDocuments + "/offlinedocroot")
         << "no offline database";
-    host->hasOffline = true;
-    EXPECT_EQ(Make(true)->FilePath(), host->userDocuments + "/offlinedocroot")
+    host.hasOffline = true;
+    EXPECT_EQ(Make(true)->FilePath(), host.userDocuments + "/offlinedocroot")
         << "offline database without a path";
-    host->dbSettings[{1, "DocumentsPath"}] = (dir / "mirror").string();
+    host.dbSettings[{1, "DocumentsPath"}] = (dir / "mirror").string();
     EXPECT_EQ(Make(true)->FilePath(), (dir / "mirror").string());
     EXPECT_FALSE(fs::exists(dir / "online")) << "offline mode never touches the online folder";
 }
 
 TEST_F(LocalStoreTest, ServerFolderComesFromFileRootElseTheSelectedDatabase) {
-    host->dbSettings[{0, "DocumentsPath"}] = (dir / "db").string();
+    host.dbSettings[{0, "DocumentsPath"}] = (dir / "db").string();
     EXPECT_EQ(Make<TDocFileLoaderLocServer>()->FilePath(), (dir / "db").string());
-    host->local.strings[{"DOCSRV", "FileRoot"}] = (dir / "srv").string() + "/";
-    host->hasOffline = true;
-    host->dbSettings[{1, "DocumentsPath"}] = (dir / "mirror").string();
+    host.local.strings[{"DOCSRV", "FileRoot"}] = (dir / "srv").string() + "/";
+    host.hasOffline = true;
+    host.dbSettings[{1, "DocumentsPath"}] = (dir / "mirror").string();
     EXPECT_EQ(Make<TDocFileLoaderLocServer>(true)->FilePath(), (dir / "srv").string())
         << "the server store ignores offline mode";
 }
 
 TEST_F(LocalStoreTest, NoCompressionStoresByteIdenticalFilesAndStillReadsContainers) {
-    host->dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
+    host.dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
     const std::string content = TextBytes(2'000'000);
     const std::string local = LocalFile("doc", content);
 
     const std::string older = Make()->UploadFile(local, "", upmNew);
     EXPECT_EQ(ReadAll(dir / "repo" / older).substr(0, 4), "AACS") << "compression by default";
 
-    host->user.bools[{"DocAdmin", "NoCompression"}] = true;
+    host.user.bools[{"DocAdmin", "NoCompression"}] = true;
     auto plain = Make();
     EXPECT_FALSE(plain->UseCompression());
     const std::string newer = plain->UploadFile(local, "", upmNew);
@@ -101,8 +73,8 @@ TEST_F(LocalStoreTest, NoCompressionStoresByteIdenticalFilesAndStillReadsContain
 }
 
 TEST_F(LocalStoreTest, ServerStoreCompressesRegardlessOfNoCompression) {
-    host->user.bools[{"DocAdmin", "NoCompression"}] = true;
-    host->local.strings[{"DOCSRV", "FileRoot"}] = (dir / "srv").string();
+    host.user.bools[{"DocAdmin", "NoCompression"}] = true;
+    host.local.strings[{"DOCSRV", "FileRoot"}] = (dir / "srv").string();
     auto s = Make<TDocFileLoaderLocServer>();
     EXPECT_TRUE(s->UseCompression());
     const std::string content = TextBytes(10'000);
@@ -112,7 +84,7 @@ TEST_F(LocalStoreTest, ServerStoreCompressesRegardlessOfNoCompression) {
 }
 
 TEST_F(LocalStoreTest, UploadReportsCompressEvents) {
-    host->dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
+    host.dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
     auto s = Make();
     std::vector<std::string> events;
     s->OnCompressStart = [&](TObject*, const std::string& f, TCompressMode m) {
@@ -128,7 +100,7 @@ TEST_F(LocalStoreTest, UploadReportsCompressEvents) {
 
 TEST_F(LocalStoreTest, FolderThatCannotBeCreatedRaisesEFCreateError) {
     WriteAll(dir / "afile", "x");
-    host->dbSettings[{0, "DocumentsPath"}] = (dir / "afile" / "repo").string();
+    host.dbSettings[{0, "DocumentsPath"}] = (dir / "afile" / "repo").string();
     try {
         Make();
         FAIL() << "no exception";
@@ -145,8 +117,8 @@ TEST_F(LocalStoreTest, NewFolderIsSeededOnceFromTheOldRootWithoutOverwriting) {
     WriteAll(seed / "A", "a");
     WriteAll(seed / "B.old", "b");
     WriteAll(seed / "subfolder" / "C", "c");
-    host->seedDocRoot = seed.string() + "/";
-    host->dbSettings[{0, "DocumentsPath"}] = (dir / "new").string();
+    host.seedDocRoot = seed.string() + "/";
+    host.dbSettings[{0, "DocumentsPath"}] = (dir / "new").string();
 
     auto s = Make();
     EXPECT_THAT(ListNames(dir / "new"), ElementsAre("A", "B.old")) << "files only, no recursion";
@@ -159,7 +131,7 @@ TEST_F(LocalStoreTest, NewFolderIsSeededOnceFromTheOldRootWithoutOverwriting) {
     EXPECT_THAT(ListNames(dir / "new"), ElementsAre("B.old"));
 
     // Offline stores and SetFilePath without migration don't seed.
-    host->dbSettings[{0, "DocumentsPath"}] = (dir / "unseeded").string();
+    host.dbSettings[{0, "DocumentsPath"}] = (dir / "unseeded").string();
     s->SetFilePath((dir / "unseeded").string(), false);
     EXPECT_THAT(ListNames(dir / "unseeded"), IsEmpty());
 
@@ -173,22 +145,23 @@ TEST_F(LocalStoreTest, NewFolderIsSeededOnceFromTheOldRootWithoutOverwriting) {
     seeder.SeedFromOldRoot(seed.string());
     EXPECT_THAT(ListNames(dir / "partial"), ElementsAre("A", "B.old", "D"));
     EXPECT_EQ(ReadAll(dir / "partial" / "A"), "mine");
-}
 
-TEST_F(LocalStoreTest, SeedingSkipsTheSameFolder) {
-    host->seedDocRoot = (dir / "same").string();
-    host->dbSettings[{0, "DocumentsPath"}] = (dir / "same").string();
+    // A folder is not seeded from itself.
+    host.seedDocRoot = (dir / "same").string();
+    host.dbSettings[{0, "DocumentsPath"}] = (dir / "same").string();
     EXPECT_NO_THROW(Make());
     EXPECT_THAT(ListNames(dir / "same"), IsEmpty());
 }
 
-TEST_F(LocalStoreTest, PlainUploadOfAMissingLocalFileRaisesTheUserMessage) {
-    host->user.bools[{"DocAdmin", "NoCompression"}] = true;
-    host->dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
+// A missing local file fails the upload before any transfer ends and leaves no temporary.
+TEST_F(LocalStoreTest, UploadOfAMissingLocalFileRaisesAndLeavesNothing) {
+    host.dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
+    const std::string missing = (dir / "local" / "missing.txt").string();
+    EXPECT_THROW(Make()->UploadFile(missing, "", upmNew), EFOpenError);  // compressed
+    host.user.bools[{"DocAdmin", "NoCompression"}] = true;
     auto s = Make();
     bool ended = false;
     s->OnTransferEnd = [&](TObject*, std::int64_t) { ended = true; };
-    const std::string missing = (dir / "local" / "missing.txt").string();
     try {
         s->UploadFile(missing, "", upmNew);
         FAIL() << "no exception";
@@ -197,7 +170,7 @@ TEST_F(LocalStoreTest, PlainUploadOfAMissingLocalFileRaisesTheUserMessage) {
                                             " not found. Can't save to repository! (No such file"));
     }
     EXPECT_FALSE(ended);
-    EXPECT_THAT(ListNames(dir / "repo"), IsEmpty()) << "no temporary file is left";
+    EXPECT_THAT(ListNames(dir / "repo"), IsEmpty());
 }
 
 // A store whose upload stops between writing the content and putting it in place, as a crash
@@ -220,9 +193,9 @@ class CrashingStore : public TDocFileLoaderLocFile {
 };
 
 TEST_F(LocalStoreTest, UploadCutShortBeforeTheRenameLeavesTheOldContent) {
-    host->dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
+    host.dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
     for (bool noCompression : {false, true}) {
-        host->user.bools[{"DocAdmin", "NoCompression"}] = noCompression;
+        host.user.bools[{"DocAdmin", "NoCompression"}] = noCompression;
         auto s = Make<CrashingStore>();
         const std::string name = s->UploadFile(LocalFile("v1", "old content"), "", upmNew);
         s->crash = true;
@@ -236,7 +209,7 @@ TEST_F(LocalStoreTest, UploadCutShortBeforeTheRenameLeavesTheOldContent) {
 
 TEST_F(LocalStoreTest, LeftoverOfAnInterruptedUploadDoesNotDisturb) {
     // What a real crash leaves: a complete or partial temporary file beside the target.
-    host->dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
+    host.dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
     auto s = Make();
     const std::string name = s->UploadFile(LocalFile("v1", "old"), "", upmNew);
     WriteAll(dir / "repo" / (".~" + name + ".0123.tmp"), "half");
@@ -245,22 +218,15 @@ TEST_F(LocalStoreTest, LeftoverOfAnInterruptedUploadDoesNotDisturb) {
     EXPECT_EQ(Fetch(*s, name), "new");
 
     // Seeding from such a folder leaves the leftovers behind.
-    host->seedDocRoot = (dir / "repo").string();
-    host->dbSettings[{0, "DocumentsPath"}] = (dir / "moved").string();
+    host.seedDocRoot = (dir / "repo").string();
+    host.dbSettings[{0, "DocumentsPath"}] = (dir / "moved").string();
     Make();
     EXPECT_THAT(ListNames(dir / "moved"), ElementsAre(name));
 }
 
-TEST_F(LocalStoreTest, CompressedUploadOfAMissingLocalFileLeavesNothingBehind) {
-    host->dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
-    auto s = Make();
-    EXPECT_THROW(s->UploadFile((dir / "local" / "missing").string(), "", upmNew), EFOpenError);
-    EXPECT_THAT(ListNames(dir / "repo"), IsEmpty());
-}
-
 TEST_F(LocalStoreTest, ManyUploadsFromTwoStoresLeaveOnlyTheRemoteNames) {
     // Temporary names are drawn per process; two stores on one folder must still never share one.
-    host->dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
+    host.dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
     auto a = Make();
     auto b = Make();
     b->SetUseCompression(false);
@@ -287,8 +253,8 @@ TEST_F(LocalStoreTest, ManyUploadsFromTwoStoresLeaveOnlyTheRemoteNames) {
 // With compression off, a file that a reader would take for a container or a legacy compressed
 // file still goes into a container, so that it comes back byte for byte.
 TEST_F(LocalStoreTest, NoCompressionStillPacksFilesThatWouldBeMisread) {
-    host->dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
-    host->user.bools[{"DocAdmin", "NoCompression"}] = true;
+    host.dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
+    host.user.bools[{"DocAdmin", "NoCompression"}] = true;
     auto s = Make();
     const std::string text = TextBytes(100'000);
     for (const std::string& content :
@@ -307,9 +273,9 @@ TEST_F(LocalStoreTest, FilesTooLargeForAContainerAreStoredPlainOrRefused) {
     const std::uint64_t saved = TECLStream::MaxFileOffset;
     TFinally restore{[saved] { TECLStream::MaxFileOffset = saved; }};
     TECLStream::MaxFileOffset = 4000;
-    host->dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
+    host.dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
     for (bool noCompression : {false, true}) {
-        host->user.bools[{"DocAdmin", "NoCompression"}] = noCompression;
+        host.user.bools[{"DocAdmin", "NoCompression"}] = noCompression;
         auto s = Make();
         const std::string random = RandomBytes(10'000);
         const std::string plain = s->UploadFile(LocalFile("r", random), "", upmNew);
@@ -339,7 +305,7 @@ TEST_F(LocalStoreTest, FilesTooLargeForAContainerAreStoredPlainOrRefused) {
 // A write that the system refuses says which file and why, also in the bare stream texts; the
 // destination of a failed download keeps its content.
 TEST_F(LocalStoreTest, WriteFailuresNameTheFileAndTheReason) {
-    host->dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
+    host.dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
     auto s = Make();
     const std::string content = RandomBytes(300'000);
     const std::string local = LocalFile("big", content);
@@ -384,7 +350,7 @@ TEST_F(LocalStoreTest, WriteFailuresNameTheFileAndTheReason) {
 // live process holds stays.
 TEST_F(LocalStoreTest, TemporariesOfDeadProcessesGoAtTheNextStart) {
     fs::create_directories(dir / "repo");
-    host->dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
+    host.dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
     int ready[2];
     ASSERT_EQ(::pipe(ready), 0);
     const pid_t child = ::fork();

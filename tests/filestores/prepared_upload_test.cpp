@@ -15,20 +15,9 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-class PreparedUploadTest : public ::testing::Test {
+class PreparedUploadTest : public LocalStoreTest {
   protected:
-    PreparedUploadTest() : host(new FakeHost) {
-        host->userDocuments = (dir / "userdocs").string();
-        host->defaultDocRoot = (dir / "data" / "docroot").string();
-        host->dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
-        fs::create_directories(dir / "local");
-    }
-    std::unique_ptr<TDocFileLoaderLocFile> Make() {
-        auto s = std::make_unique<TDocFileLoaderLocFile>(nullptr);
-        s->SetMainInterface(host.get());
-        s->LoadSettings(false);
-        return s;
-    }
+    PreparedUploadTest() { host.dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string(); }
     std::vector<std::string> LocalFiles(int n, std::size_t size) {
         std::vector<std::string> files;
         for (int i = 0; i < n; ++i) {
@@ -38,10 +27,6 @@ class PreparedUploadTest : public ::testing::Test {
         }
         return files;
     }
-    std::string Fetch(TBaseDocFileLoader& s, const std::string& remote) {
-        s.DownloadFile(remote, (dir / "fetched").string());
-        return ReadAll(dir / "fetched");
-    }
     // Names in the repository that start like the store's temporaries.
     std::vector<std::string> Temporaries() {
         std::vector<std::string> r;
@@ -49,9 +34,6 @@ class PreparedUploadTest : public ::testing::Test {
             if (n.rfind(".~", 0) == 0) r.push_back(n);
         return r;
     }
-
-    ScratchDir dir;
-    IPtr<FakeHost> host;
 };
 
 TEST_F(PreparedUploadTest, PreparedUploadsStoreTheSameBytesAndReportTheSameEvents) {

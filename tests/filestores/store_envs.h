@@ -35,12 +35,12 @@ class StoreEnv {
 template <class TStore>
 class LocalStoreEnv : public StoreEnv {
   public:
-    LocalStoreEnv() : host_(new FakeHost) {
+    LocalStoreEnv() {
         fs::create_directories(dir_ / "local");
-        host_->dbSettings[{0, "DocumentsPath"}] = (dir_ / "repo").string();
-        host_->local.strings[{"DOCSRV", "FileRoot"}] = (dir_ / "repo").string();
+        host_.dbSettings[{0, "DocumentsPath"}] = (dir_ / "repo").string();
+        host_.local.strings[{"DOCSRV", "FileRoot"}] = (dir_ / "repo").string();
         store_ = std::make_unique<TStore>(nullptr);
-        store_->SetMainInterface(host_.get());
+        store_->SetMainInterface(&host_);
         store_->LoadSettings(false);
     }
     TBaseDocFileLoader& Store() override { return *store_; }
@@ -62,11 +62,40 @@ class LocalStoreEnv : public StoreEnv {
 
   private:
     ScratchDir dir_;
-    IPtr<FakeHost> host_;
+    FakeHost host_;
     std::unique_ptr<TStore> store_;
 };
 
 using LocFileEnv = LocalStoreEnv<TDocFileLoaderLocFile>;
 using LocServerEnv = LocalStoreEnv<TDocFileLoaderLocServer>;
+
+// Local stores made through the fake host with its settings as a test sets them; local files in
+// "local" of the test's scratch folder.
+class LocalStoreTest : public ::testing::Test {
+  protected:
+    LocalStoreTest() {
+        host.userDocuments = (dir / "userdocs").string();
+        host.defaultDocRoot = (dir / "data" / "docroot").string();
+        fs::create_directories(dir / "local");
+    }
+    template <class T = TDocFileLoaderLocFile>
+    std::unique_ptr<T> Make(bool offline = false) {
+        auto s = std::make_unique<T>(nullptr);
+        s->SetMainInterface(&host);
+        s->LoadSettings(offline);
+        return s;
+    }
+    std::string LocalFile(const std::string& name, const std::string& content) {
+        WriteAll(dir / "local" / name, content);
+        return (dir / "local" / name).string();
+    }
+    std::string Fetch(TBaseDocFileLoader& s, const std::string& remote) {
+        s.DownloadFile(remote, (dir / "local" / "fetched").string());
+        return ReadAll(dir / "local" / "fetched");
+    }
+
+    ScratchDir dir;
+    FakeHost host;
+};
 
 }  // namespace docadmin::test

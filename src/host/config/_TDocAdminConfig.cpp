@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <toml++/toml.h>
+#include <algorithm>
 #include <charconv>
 #include <cstdlib>
 #include <filesystem>
@@ -46,7 +47,8 @@ const std::set<std::string>& TopLevelKeys() {
     static const std::set<std::string> keys{
         "data_dir",     "selected_database",    "offline_database",
         "seed_docroot", "can_create_container", "databases",
-        "local",        "min_password_length",  "server"};
+        "local",        "min_password_length",  "server",
+        "host"};
     return keys;
 }
 
@@ -117,6 +119,12 @@ std::string TDocAdminConfig::DefaultDataDir() {
     const std::string xdg = Env("XDG_DATA_HOME");
     if (!xdg.empty() && fs::path(xdg).is_absolute()) return ResolvePath(xdg + "/docadmin", "/");
     return ResolvePath(HomeDir() + "/.local/share/docadmin", "/");
+}
+
+std::string TDocAdminConfig::DefaultPluginDir() {
+    const std::string d = Env("DOCADMIN_PLUGIN_DIR");
+    if (!d.empty()) return ResolvePath(d, fs::current_path());
+    return ResolvePath(DOCADMIN_DEFAULT_PLUGIN_DIR, "/");
 }
 
 TDocAdminConfig TDocAdminConfig::Locate(const std::string& AConfigFile) {
@@ -201,6 +209,11 @@ TDocAdminConfig TDocAdminConfig::FromString(const std::string& AText,
                     if (path.empty()) r.Fail(full + " must not be empty");
                 } else if (key == "conninfo") {
                     db.ConnInfo = r.String(sv, full);
+                } else if (key == "connection_kind") {
+                    auto i = sv.value_exact<std::int64_t>();
+                    if (!i || *i < 0 || *i > 255)
+                        r.Fail(full + " must be a number from 0 to 255 (1: an offline copy)");
+                    db.ConnectionKind = static_cast<int>(*i);
                 } else {
                     db.Settings[key] = r.Scalar(sv, full).Text;
                 }
@@ -249,6 +262,29 @@ TDocAdminConfig TDocAdminConfig::FromString(const std::string& AText,
             for (auto&& [sk, sv] : *t) {
                 const std::string key(sk.str());
                 dest[key] = r.Scalar(sv, "local." + section + "." + key);
+            }
+        }
+    }
+    c.FPluginDir = DefaultPluginDir();
+    if (const toml::node* n = doc.get("host")) {
+        const toml::table* t = n->as_table();
+        if (!t) r.Fail("host must be a table");
+        for (auto&& [k, v] : *t) {
+            const std::string key(k.str());
+            if (key == "plugin_dir") {
+                const std::string d = r.String(v, "host.plugin_dir");
+                if (d.empty()) r.Fail("host.plugin_dir must not be empty");
+                c.FPluginDir = ResolvePath(d, base);
+            } else if (key == "language") {
+                static const char* const names[] = {"de", "en", "fr", "it"};
+                const std::string lang = r.String(v, "host.language");
+                const auto* it = std::find(std::begin(names), std::end(names), lang);
+                if (it == std::end(names))
+                    r.Fail("host.language must be \"de\", \"en\", \"fr\" or \"it\", not \"" + lang +
+                           "\"");
+                c.FLanguageIndex = static_cast<int>(it - std::begin(names));
+            } else {
+                r.Fail("unknown key host." + key);
             }
         }
     }

@@ -8,10 +8,11 @@
 // $XDG_DATA_HOME/docadmin, else ~/.local/share/docadmin.
 //
 // The layout is documented in docadmin.example.toml at the root of the source tree:
-// top-level keys, one table per database under [databases.<name>] and the machine's local string
-// settings under [local.<section>]. Without a file there is one SQLite database "main" in
-// <data folder>/docadmin.db. Unknown top-level keys are errors, so that a typo doesn't pass
-// silently; a database table takes any further key as a per-database setting.
+// top-level keys, one table per database under [databases.<name>], the machine's local string
+// settings under [local.<section>] and the host's own settings under [host]. Without a file there
+// is one SQLite database "main" in <data folder>/docadmin.db. Unknown top-level keys are errors, so
+// that a typo doesn't pass silently; a database table takes any further key as a per-database
+// setting.
 //
 // A configuration is a value: it is read once and not changed afterwards, except for the local
 // settings, which TLocalSettingsStorage copies and writes back.
@@ -41,6 +42,8 @@ struct TDatabaseConfig {
     std::string Path;
     // PostgreSQL: the libpq connection string; empty means libpq's defaults.
     std::string ConnInfo;
+    // How the database is reached (key connection_kind, 0 to 255): 1 is a local offline copy.
+    int ConnectionKind = 0;
     // Every further key of the table as text ("DocumentsRepType", "DocumentsPath", ...).
     std::map<std::string, std::string> Settings;
 };
@@ -51,6 +54,12 @@ struct TLocalSettingValue {
     TKind Kind = TKind::String;
     std::string Text;  // the value as text: integers in decimal, booleans "true"/"false"
 };
+
+// Languages of the user interface, by the index plug-ins read (IMainInterface::LanguageIndex).
+inline constexpr int LanguageGerman = 0;
+inline constexpr int LanguageEnglish = 1;
+inline constexpr int LanguageFrench = 2;
+inline constexpr int LanguageItalian = 3;
 
 // section -> key -> value
 using TLocalSettings = std::map<std::string, std::map<std::string, TLocalSettingValue>>;
@@ -67,6 +76,9 @@ class TDocAdminConfig {
     static TDocAdminConfig Defaults();
     // The data folder without the data_dir key: DOCADMIN_DATA, XDG_DATA_HOME, HOME.
     static std::string DefaultDataDir();
+    // The plug-in folder without [host] plugin_dir: DOCADMIN_PLUGIN_DIR, else the folder where
+    // the build puts the document module.
+    static std::string DefaultPluginDir();
 
     // The file that was read; empty when the defaults are in use.
     const std::string& ConfigFile() const { return FConfigFile; }
@@ -90,6 +102,11 @@ class TDocAdminConfig {
     // The fewest characters a user's password may have.
     int MinPasswordLength() const { return FMinPasswordLength; }
 
+    // [host] plugin_dir: where the host loads plug-ins from (every *.so there); absolute.
+    const std::string& PluginDir() const { return FPluginDir; }
+    // [host] language: "de", "en" (the default), "fr" or "it" as a LanguageXxx index.
+    int LanguageIndex() const { return FLanguageIndex; }
+
     const TLocalSettings& LocalSettings() const { return FLocalSettings; }
     // The keys of the [server] table as text; the server checks names and values.
     const std::map<std::string, TLocalSettingValue>& ServerSettings() const {
@@ -107,6 +124,8 @@ class TDocAdminConfig {
     std::string FSeedDocRoot;
     bool FCanCreateContainer = true;
     int FMinPasswordLength = DefaultMinPasswordLength;
+    std::string FPluginDir;
+    int FLanguageIndex = LanguageEnglish;
     TLocalSettings FLocalSettings;
     std::map<std::string, TLocalSettingValue> FServerSettings;
 };

@@ -42,6 +42,12 @@ std::string TVantrelDatabaseRepository::ReadDatabaseSetting(int AIndex, const st
     return it == s.end() ? std::string() : it->second;
 }
 
+int TVantrelDatabaseRepository::ConnectionKind(int AIndex) {
+    const auto& dbs = FConfig.Databases();
+    if (AIndex < 0 || static_cast<size_t>(AIndex) >= dbs.size()) return 0;
+    return dbs[static_cast<size_t>(AIndex)].ConnectionKind;
+}
+
 std::string TVantrelDatabaseRepository::ExpandPathMacros(const std::string& APath) {
     const std::pair<std::string, std::string> macros[] = {
         {"$UserDocuments$", UserDocumentsFolder() + "/"},

@@ -31,6 +31,8 @@ class TVantrelDatabaseRepository : public TObject, public IVantrelDatabaseReposi
     // <data folder>/docroot
     std::string DefaultDocRootFolder() override;
     std::string SeedDocRootFolder() override;
+    // The database's connection_kind; 0 for an unknown index.
+    int ConnectionKind(int AIndex) override;
 
   private:
     const TDocAdminConfig FConfig;

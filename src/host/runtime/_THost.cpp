@@ -2,6 +2,10 @@
 
 #include <filesystem>
 
+#include "_Dialogs.h"
+#include "_HostLog.h"
+#include "_MainThreadQueue.h"
+
 namespace docadmin {
 
 namespace {
@@ -33,10 +37,12 @@ THost::THost(TDocAdminConfig AConfig, std::uint8_t ARunMode, int APasswordIterat
       FDatabase(OpenDatabase(DatabaseParams(FConfig))),
       FGlobalSettings(FDatabase.get()),
       FUserSettings(FDatabase.get(), [] { return GetDBCurrentUserID(); }),
-      FUsers(FDatabase.get(), APasswordIterations, FConfig.MinPasswordLength()) {}
+      FUsers(FDatabase.get(), APasswordIterations, FConfig.MinPasswordLength()),
+      FPlugins(std::make_unique<TPluginLoader>(this)) {}
 
 THost::~THost() {
-    // Jobs may use the database: they end before any member goes.
+    // Plug-ins and jobs may use the database: they end before any member goes.
+    UnloadPlugins();
     ShutdownJobs();
     try {
         FLocalSettings.Save();
@@ -67,6 +73,37 @@ void THost::ShutdownJobs() {
     // Marks the scheduler as made without making one, so that none comes after the shutdown.
     std::call_once(FJobsMade, [] {});
     if (FJobs) FJobs->Shutdown();
+}
+
+void THost::LoadPlugins() {
+    FPlugins->Load(FConfig.PluginDir());
+}
+
+void THost::UnloadPlugins() {
+    if (!FPlugins->Active()) return;
+    FPlugins->BeforeUnInit();
+    // No job may run plug-in code once the plug-ins go, and calls they queued for the main
+    // thread must have run by then.
+    ShutdownJobs();
+    if (IsMainThread()) {
+        for (int round = 0; round < 100; ++round) {
+            try {
+                if (!CheckSynchronize(0)) break;
+            } catch (const std::exception& e) {
+                HostLog()->error("a call on the main thread failed while plug-ins unload: {}",
+                                 e.what());
+            }
+        }
+    }
+    FPlugins->Unload();
+    // A source that a plug-in left behind may have its code in the closed library: releasing it
+    // could crash, so it is reported and left alone.
+    if (const std::int32_t n = FRessourceSources.Count(); n > 0) {
+        for (std::int32_t i = 0; i < n; ++i)
+            HostLog()->error("resource source {} was not removed by its plug-in",
+                             FRessourceSources.Identifier(i));
+        FRessourceSources.Abandon();
+    }
 }
 
 IDBFieldSchema* THost::GetDBFieldSchema() {

@@ -15,6 +15,16 @@
 // The host offers a background job scheduler (IKRBackgroundJobScheduler by QueryInterface), made
 // on first use; the host shuts it down before its database goes, so no job outlives it.
 //
+// Plug-ins: LoadPlugins loads and starts those of the configured plug-in folder (see
+// TPluginLoader); UnloadPlugins runs their BeforeUnInit, shuts the job scheduler down (so that no
+// job runs plug-in code any more), runs what is left in the main-thread queue when called on the
+// main thread, and then destroys and closes them. The destructor unloads them if that hasn't
+// happened, before the database goes. A host loads its plug-ins once: after UnloadPlugins its
+// scheduler takes no more jobs.
+//
+// Services for plug-ins: the plug-in registry, the list of resource sources, a progress bar on
+// a terminal (quiet elsewhere) and the language of [host] language.
+//
 // All accessors are safe to call from any thread.
 #pragma once
 
@@ -30,6 +40,9 @@
 #include "_TDBUserAccess.h"
 #include "_TDocAdminConfig.h"
 #include "_TLocalSettingsStorage.h"
+#include "_TPluginLoader.h"
+#include "_TRessourceSourceList.h"
+#include "_TTerminalProgress.h"
 #include "_TUserStore.h"
 #include "_TVantrelDatabaseRepository.h"
 
@@ -44,8 +57,8 @@ class THost : public TObject, public IMainInterface, public ICustomApp {
     // Opens the selected database of the configuration. Raises EConfigError or EDBException.
     explicit THost(TDocAdminConfig AConfig, std::uint8_t ARunMode = rmTool,
                    int APasswordIterations = DefaultPasswordIterations);
-    // Shuts the job scheduler down, then writes changed local settings back; failures there are
-    // swallowed (see SaveLocalSettings).
+    // Unloads the plug-ins if they are loaded, shuts the job scheduler down, then writes changed
+    // local settings back; failures there are swallowed (see SaveLocalSettings).
     ~THost() override;
 
     // IInterface: references don't count.
@@ -64,6 +77,10 @@ class THost : public TObject, public IMainInterface, public ICustomApp {
     IUserAccess* GetUserAccess() override;
     ICurrentUser* GetCurrentUser() override;
     std::uint8_t RunMode() override { return FRunMode; }
+    IProgress* GetProgress() override { return &FProgress; }
+    IPluginLoader* GetPluginLoader() override { return FPlugins.get(); }
+    IRessourceSourceList* GetRessourceSources() override { return &FRessourceSources; }
+    std::int32_t LanguageIndex() override { return FConfig.LanguageIndex(); }
 
     // ICustomApp
     std::string DataDirectory() override { return FConfig.DataDir(); }
@@ -84,6 +101,14 @@ class THost : public TObject, public IMainInterface, public ICustomApp {
     bool Login(const std::string& AUserName, const std::string& APassword);
     // The rights object of a user (made on first use, kept for the host's life); null for 0.
     TDBUserAccess* UserAccessFor(std::int64_t AUserID);
+
+    // Loads and starts the plug-ins of the configured folder; a plug-in that fails is logged and
+    // listed as failed. Raises EAssertionFailed when they are loaded already.
+    void LoadPlugins();
+    // See above; nothing happens when no plug-ins are loaded.
+    void UnloadPlugins();
+    TPluginLoader& Plugins() { return *FPlugins; }
+    TRessourceSourceList& RessourceSources() { return FRessourceSources; }
 
     // Writes changed local settings into the configuration file.
     void SaveLocalSettings() { FLocalSettings.Save(); }
@@ -110,6 +135,10 @@ class THost : public TObject, public IMainInterface, public ICustomApp {
 
     std::once_flag FJobsMade;
     std::unique_ptr<TBackgroundJobScheduler> FJobs;  // set once through FJobsMade
+
+    THostProgress FProgress;
+    TRessourceSourceList FRessourceSources;
+    std::unique_ptr<TPluginLoader> FPlugins;  // made with the host; unloaded before the rest goes
 };
 
 // Opens a host from a configuration file ("" looks for one; see TDocAdminConfig::Locate).

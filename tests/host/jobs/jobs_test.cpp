@@ -11,6 +11,7 @@
 #include "_Dialogs.h"
 #include "_KRBackgroundJobs.h"
 #include "_MainThreadQueue.h"
+#include "host/runtime/test_main_interface.h"
 
 using namespace docadmin;
 using namespace std::chrono_literals;
@@ -349,23 +350,12 @@ TEST(JobsRepeat, RunsRoundAfterRoundThroughFailuresUntilTerminated) {
 namespace {
 
 // A main interface that offers nothing but a scheduler.
-class TSchedulerHost : public IMainInterface {
+class TSchedulerHost : public docadmin::test::TTestMainInterface {
   public:
     explicit TSchedulerHost(TBackgroundJobScheduler& AScheduler) : FScheduler(AScheduler) {}
     HRESULT QueryInterface(const TGUID& iid, void** obj) override {
         return FScheduler.QueryInterface(iid, obj);
     }
-    std::int32_t _AddRef() override { return -1; }
-    std::int32_t _Release() override { return -1; }
-    IDBFieldSchema* GetDBFieldSchema() override { return nullptr; }
-    IDBInterface* GetDBInterface() override { return nullptr; }
-    IVantrelDatabaseRepository* GetDatabaseRepository() override { return nullptr; }
-    ISettingsStorage* GetUserSettings() override { return nullptr; }
-    ISettingsStorage* GetGlobalSettings() override { return nullptr; }
-    ISettingsStorage* GetLocalSettings() override { return nullptr; }
-    ICustomApp* GetCustomApp() override { return nullptr; }
-    IUserAccess* GetUserAccess() override { return nullptr; }
-    ICurrentUser* GetCurrentUser() override { return nullptr; }
     std::uint8_t RunMode() override { return 3; }
 
   private:

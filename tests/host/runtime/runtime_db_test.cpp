@@ -59,16 +59,12 @@ class RuntimeUsers : public DBTest {
 
 }  // namespace
 
-TEST_P(RuntimeSettings, NeverWrittenReadsAsZeroOrDefault) {
+TEST_P(RuntimeSettings, GlobalValuesReadAsDefaultsUntilWrittenOnceAndReplaced) {
     TGlobalSettingsStorage g(DB.get());
     EXPECT_EQ(g.ReadInt64("DocAdmin", "STOREUPD"), 0);
     EXPECT_TRUE(g.ReadBool("DocAdmin", "NoCompression", true));
     EXPECT_FALSE(g.ReadBool("DocAdmin", "NoCompression", false));
     EXPECT_EQ(g.ReadString("DocAdmin", "X", "dflt"), "dflt");
-}
-
-TEST_P(RuntimeSettings, GlobalValuesAreWrittenOnceAndReplaced) {
-    TGlobalSettingsStorage g(DB.get());
     g.WriteInt64("DocAdmin", "STOREUPD", 1);
     g.WriteInt64("DocAdmin", "STOREUPD", INT64_MIN);
     g.WriteInt64("DocAdmin", "ARCHIVEFLAGUPD", INT64_MAX);
