@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 
+#include "_DocAdminStoreUpdate.h"
 #include "_DocFileLoaderChoice.h"
 #include "_TClientSQL.h"
 #include "_TLocalSettingsStorage.h"
@@ -10,10 +11,6 @@
 #include "_dmDocAdminMainForms.h"
 #include "_dmDocAdminRepository.h"
 
-#if __has_include("_DocAdminStoreUpdate.h")
-#include "_DocAdminStoreUpdate.h"
-#define DOCADMIN_HAS_STORE_UPDATE 1
-#endif
 
 namespace docadmin {
 
@@ -131,9 +128,7 @@ void TdmDocAdminMain::Init() {
     TPluginBaseDataModule::Init();
     ICustomApp* app = GetCustomApp();
     if (!app || !app->IsServer()) return;
-#ifdef DOCADMIN_HAS_STORE_UPDATE
     DoDocAdminStoreMigrations(GetMainInterface());
-#endif
 }
 
 void TdmDocAdminMain::BeforeDestruction() {

@@ -33,11 +33,15 @@ TEST_P(ModuleMain, ServerAndToolStartAlikeAndTheEndUndoesTheRegistrations) {
         TdmDocAdminMain& main = FModule->Main();
         IRessourceSource* source = main.RessourceSource();
 
+        // Only the server migrates the store (and records it); everything else is alike.
+        const bool server = mode == rmServer;
+        EXPECT_EQ(FHost->GlobalSettings().ReadInt64("DocAdmin", "STOREUPD"), server ? 2 : 0);
+        EXPECT_EQ(FHost->GlobalSettings().ReadInt64("DocAdmin", "ARCHIVEFLAGUPD"), server ? 1 : 0);
         EXPECT_EQ(FModule->Plugin()->ShortName(), "DocAdmin");
         EXPECT_EQ(Repo().DocAdminInt(), FModule->Docs());
-        ASSERT_EQ(FHost->Sources.Count(), 1);
-        EXPECT_EQ(FHost->Sources.Items[0].first, DocAdminPluginGUID);
-        EXPECT_EQ(FHost->Sources.Item(0), source);
+        ASSERT_EQ(FHost->RessourceSources().Count(), 1);
+        EXPECT_EQ(FHost->RessourceSources().Identifier(0), DocAdminPluginGUID);
+        EXPECT_EQ(FHost->RessourceSources().Item(0), source);
         TScriptGlobalVar global;
         ASSERT_TRUE(
             TVTLFrameworkScriptGlobalFunctions::FindGlobalScriptVar("DocAdminModule", global));
@@ -79,7 +83,7 @@ TEST_P(ModuleMain, ServerAndToolStartAlikeAndTheEndUndoesTheRegistrations) {
         source->Do_AddNotifier(notify.get());
         FModule->Stop();
         EXPECT_EQ(notify->Told, (decltype(notify->Told){{source, 0}}));
-        EXPECT_EQ(FHost->Sources.Count(), 0);
+        EXPECT_EQ(FHost->RessourceSources().Count(), 0);
         EXPECT_FALSE(
             TVTLFrameworkScriptGlobalFunctions::FindGlobalScriptVar("DocAdminModule", global));
         EXPECT_FALSE(TKRACLDataTableController::FindTable("docadmindocs", t));

@@ -1,7 +1,5 @@
-// A second plug-in, loaded from its own library, works on documents through the module's
-// interfaces only.
-#include <dlfcn.h>
-
+// A second plug-in, loaded from its own library by the host's loader beside the module, works on
+// documents through the module's interfaces only.
 #include "_TestPluginIntf.h"
 #include "plugin_fixtures.h"
 
@@ -10,42 +8,23 @@ using namespace docadmin::test;
 
 namespace {
 
-// The test plug-in loaded as the host loads a plug-in: dlopen, InitProc, data modules, Init.
-class TLoadedTestPlugin {
-  public:
-    explicit TLoadedTestPlugin(IMainInterface* AMain) {
-        FHandle = dlopen(DOCADMIN_TESTPLUGIN_PATH, RTLD_NOW | RTLD_LOCAL);
-        if (!FHandle) throw Exception(std::string("dlopen: ") + dlerror());
-        auto init = reinterpret_cast<TPluginInitProc>(dlsym(FHandle, "InitProc"));
-        if (!init) throw Exception("the test plug-in exports no InitProc");
-        TClientPluginBase* plugin = nullptr;
-        init(&plugin);
-        FPlugin.reset(plugin);
-        FPlugin->SetMainInterface(AMain);
-        FPlugin->CreateDataModules();
-        for (TPluginBaseDataModule* m : FPlugin->DataModules())
-            m->Init();
-    }
-    ~TLoadedTestPlugin() {
-        FPlugin.reset();  // its code lives in the library
-        dlclose(FHandle);
-    }
-    TClientPluginBase* Plugin() const { return FPlugin.get(); }
-
-  private:
-    void* FHandle = nullptr;
-    std::unique_ptr<TClientPluginBase> FPlugin;
-};
-
 class TestPlugin : public ModuleHostTest {};
 
 TEST_P(TestPlugin, AddsListsReplacesDeletesAndHoldsADirectoryBeyondItsHandle) {
-    MODULE_START_OR_SKIP();
-    TLoadedTestPlugin other(FHost.get());
-    FHost->Loader.Plugins = {FModule->Plugin(), other.Plugin()};
-    FHost->Loader.Loaded = {DocAdminPluginGUID, TestPluginGUID};
+    // Both plug-ins from one folder, loaded by the host as in a server.
+    const fs::path plugins = FDir / "plugins";
+    fs::create_directories(plugins);
+    fs::create_symlink(DOCADMIN_MODULE_PATH, plugins / "libdocadmin.so");
+    fs::create_symlink(DOCADMIN_TESTPLUGIN_PATH, plugins / "libdocadmin_testplugin.so");
+    FExtraConfig = "[host]\nplugin_dir = \"" + plugins.string() + "\"\n";
+    MODULE_START_OR_SKIP(rmServer, false);
+    FHost->UseLoaderStub = false;
+    FHost->LoadPlugins();
+    for (const TPluginInfo& info : FHost->Plugins().Plugins())
+        EXPECT_TRUE(info.Loaded) << info.Path << ": " << info.Error;
     void* p = nullptr;
-    ASSERT_TRUE(FHost->Loader.GetExtFuncInterface(TestPluginGUID, IDocAdminTestClient::IID, &p));
+    ASSERT_TRUE(FHost->GetPluginLoader()->GetExtFuncInterface(TestPluginGUID,
+                                                              IDocAdminTestClient::IID, &p));
     IPtr<IDocAdminTestClient> client =
         IPtr<IDocAdminTestClient>::Adopt(static_cast<IDocAdminTestClient*>(p));
     fs::create_directories(FDir / "work");
@@ -61,7 +40,7 @@ TEST_P(TestPlugin, AddsListsReplacesDeletesAndHoldsADirectoryBeyondItsHandle) {
     EXPECT_EQ(RowCount("docadmin_docarchive"), 1);
     EXPECT_EQ(RowCount("docadmindir", "title", TVariant("kept")), 1);
     client.reset();
-    FHost->Loader.Plugins.clear();
+    FHost->UnloadPlugins();
 }
 
 DB_INSTANTIATE(TestPlugin);

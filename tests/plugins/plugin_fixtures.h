@@ -50,26 +50,8 @@ inline std::string ReadText(const fs::path& AFile) {
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
-// The host's list of resource sources, as a plain vector.
-class TSourceList : public IRessourceSourceList {
-  public:
-    void Add(const std::string& AIdentifier, IRessourceSource* ASource) override {
-        Items.emplace_back(AIdentifier, IPtr<IRessourceSource>(ASource));
-    }
-    std::int32_t IndexOf(IRessourceSource* ASource) override {
-        for (std::size_t i = 0; i < Items.size(); ++i)
-            if (Items[i].second.get() == ASource) return static_cast<std::int32_t>(i);
-        return -1;
-    }
-    void Delete(std::int32_t AIndex) override { Items.erase(Items.begin() + AIndex); }
-    std::int32_t Count() override { return static_cast<std::int32_t>(Items.size()); }
-    IRessourceSource* Item(std::int32_t AIndex) override { return Items.at(AIndex).second.get(); }
-
-    std::vector<std::pair<std::string, IPtr<IRessourceSource>>> Items;
-};
-
-// Plug-ins that count as loaded, by GUID; the external interfaces come from the plug-in objects
-// registered with it.
+// Plug-ins that count as loaded, by GUID, for the cleanup that skips plug-ins that aren't; the
+// external interfaces come from the plug-in objects registered with it.
 class TLoaderStub : public IPluginLoader {
   public:
     std::int32_t PluginCount() override { return static_cast<std::int32_t>(Loaded.size()); }
@@ -172,15 +154,16 @@ class TChoiceMain : public IMainInterface, public IVantrelDatabaseRepository {
     std::string StoreDir;
 };
 
-// A real host with the plug-in services of a loader.
+// A real host whose language a test switches, and whose plug-in registry may be a stub.
 class TTestHost : public THost {
   public:
     using THost::THost;
-    IRessourceSourceList* GetRessourceSources() override { return &Sources; }
-    IPluginLoader* GetPluginLoader() override { return &Loader; }
+    IPluginLoader* GetPluginLoader() override {
+        return UseLoaderStub ? static_cast<IPluginLoader*>(&Loader) : THost::GetPluginLoader();
+    }
     std::int32_t LanguageIndex() override { return Language; }
 
-    TSourceList Sources;
+    bool UseLoaderStub = true;
     TLoaderStub Loader;
     std::int32_t Language = 1;
 };
@@ -196,8 +179,9 @@ class ModuleHostTest : public ::testing::TestWithParam<std::string> {
         FPG.reset();
         fs::remove_all(FDir);
     }
-    // Starts host and module; false (and the test skipped) without a PostgreSQL server.
-    bool Start(std::uint8_t ARunMode = rmTool) {
+    // Starts host and module (the module directly, not through the host's loader); false (and
+    // the test skipped) without a PostgreSQL server.
+    bool Start(std::uint8_t ARunMode = rmTool, bool AStartModule = true) {
         std::string config = "data_dir = \"" + FDir.string() + "\"\n[databases.main]\n";
         if (GetParam() == "postgresql") {
             const std::string conninfo = docadmin::testing::PGConnInfo();
@@ -211,10 +195,10 @@ class ModuleHostTest : public ::testing::TestWithParam<std::string> {
         config += "DocumentsPath = \"" + (FDir / "store").string() + "\"\n" + FExtraConfig;
         FHost =
             std::make_unique<TTestHost>(TDocAdminConfig::FromString(config, ""), ARunMode, 1000);
-        FModule = std::make_unique<TModuleRun>(FHost.get());
+        if (AStartModule) FModule = std::make_unique<TModuleRun>(FHost.get());
         return true;
     }
-    TdmDocAdminRepository& Repo() { return FModule->Repo(); }
+    TdmDocAdminRepository& Repo() { return *TdmDocAdminRepository::Instance(); }
     IDBInterface* DB() { return FHost->GetDBInterface(); }
 
     std::int64_t Insert(const std::string& ASchema,
