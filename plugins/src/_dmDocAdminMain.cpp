@@ -11,7 +11,6 @@
 #include "_dmDocAdminMainForms.h"
 #include "_dmDocAdminRepository.h"
 
-
 namespace docadmin {
 
 namespace {

@@ -2,8 +2,8 @@
 
 #include <atomic>
 #include <exception>
-#include <iostream>
 
+#include "_HostLog.h"
 #include "_TBaseDocAdmin.h"
 #include "_dmDocAdminRepository.h"
 
@@ -39,19 +39,10 @@ void TdmDocAdminMainForms::Do_AddDocument(const std::string& Plugin,
         admin->SaveDoc(nullptr, chAdded, LocalFileName, dir, AFileName, 0);
         admin->SaveChanges();
     } catch (const std::exception& e) {
-        ShowException(e.what());
+        HostLog()->error("DocAdmin: adding the document {} failed: {}", AFileName, e.what());
     } catch (...) {
-        ShowException("unknown failure");
+        HostLog()->error("DocAdmin: adding the document {} failed", AFileName);
     }
-}
-
-void TdmDocAdminMainForms::ShowException(const std::string& AMessage) {
-    const std::string text = "DocAdmin: adding a document failed: " + AMessage;
-    if (OnShowException) {
-        OnShowException(text);
-        return;
-    }
-    std::cerr << text << std::endl;
 }
 
 }  // namespace docadmin
