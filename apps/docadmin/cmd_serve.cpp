@@ -70,6 +70,14 @@ void RunMainThreadQueue(int ATimeoutMs) {
 }
 
 void RunServe(const TServeOptions& o) {
+    // The signals are taken by sigtimedwait below; every thread started from here (the host's,
+    // the plug-ins' and their jobs') inherits the mask, so none of them is ended by a signal.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
     auto host = OpenHost(o.Host, rmServer);
     // A plug-in that fails is logged and left out; the server runs with the others.
     host->LoadPlugins();
@@ -100,14 +108,6 @@ void RunServe(const TServeOptions& o) {
         cls = [] { return std::make_unique<THostInfoService>(); };
         intfs.push_back(&HostInfoInterface());
     };
-
-    // The signals are taken by sigtimedwait below; every thread started from here inherits the
-    // mask.
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
     // The server holds sessions and services that may be the plug-ins' objects: it goes before
     // they are unloaded (and, on a failure, before the host).

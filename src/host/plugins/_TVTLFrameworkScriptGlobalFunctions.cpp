@@ -30,11 +30,13 @@ auto FindByName(std::vector<TScriptGlobalVar>& AVars, const std::string& AName) 
 void TVTLFrameworkScriptGlobalFunctions::RegisterGlobalScriptVar(const std::string& AName,
                                                                  const std::string& ATypeName,
                                                                  IInterface* AValue) {
+    // A replaced value comes back in var and is released after the lock: its end may call the
+    // registry.
     TScriptGlobalVar var{AName, ATypeName, IPtr<IInterface>(AValue)};
     std::lock_guard<std::mutex> hold(RegistryLock());
     auto& vars = Registry();
     if (auto it = FindByName(vars, AName); it != vars.end())
-        *it = std::move(var);
+        std::swap(*it, var);
     else
         vars.push_back(std::move(var));
 }

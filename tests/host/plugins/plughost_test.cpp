@@ -6,7 +6,9 @@
 #include <cctype>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <sstream>
+#include <thread>
 
 #include "_HostLog.h"
 #include "_THost.h"
@@ -33,25 +35,6 @@ TEvents Only(const TEvents& AEvents, const std::string& APrefix) {
 }
 
 class THostObject : public TInterfacedObject {};
-
-class TStubSource : public TInterfacedObject, public IRessourceSource {
-  public:
-    HRESULT QueryInterface(const TGUID& iid, void** obj) override {
-        if (QueryOwn<IRessourceSource>(iid, obj)) return S_OK;
-        return TInterfacedObject::QueryInterface(iid, obj);
-    }
-    std::int32_t _AddRef() override { return TInterfacedObject::_AddRef(); }
-    std::int32_t _Release() override { return TInterfacedObject::_Release(); }
-    std::int32_t Get_ContainerCount() override { return 0; }
-    std::int32_t Get_ContainerInfo(std::int32_t, IPtr<IInterface>&) override { return 0; }
-    std::string Get_Caption() override { return {}; }
-    bool Get_Enabled() override { return true; }
-    IPtr<IRessourceContainer> GetRessourceContainer(const std::string&, std::int64_t) override {
-        return nullptr;
-    }
-    void Do_AddNotifier(IRessourceSourceNotify*) override {}
-    void Do_RemoveNotifier(IRessourceSourceNotify*) override {}
-};
 
 class PluginHostTest : public ::testing::Test {
   protected:
@@ -310,7 +293,7 @@ TEST_F(PluginHostTest, LanguageConnectionKindAndPluginFolderComeFromTheConfigura
 
 TEST(RessourceSourceListTest, HoldsOneReferencePerEntryUntilDeleted) {
     TRessourceSourceList list;
-    IPtr<TStubSource> a(new TStubSource), b(new TStubSource), stranger(new TStubSource);
+    IPtr<TSource> a(new TSource), b(new TSource), stranger(new TSource);
     list.Add("a", a.get());
     list.Add("b", b.get());
     list.Add("a again", a.get());
@@ -334,4 +317,26 @@ TEST(RessourceSourceListTest, HoldsOneReferencePerEntryUntilDeleted) {
     EXPECT_EQ(list.Count(), 0);
     EXPECT_EQ(a->RefCount(), 1);
     EXPECT_EQ(b->RefCount(), 1);
+}
+
+TEST(ScriptGlobalsTest, AReplacedValueIsReleasedOutsideTheRegistryLock) {
+    // A value whose end reads the registry, as an object going away may.
+    struct TReader : TCounted {
+        ~TReader() override {
+            TScriptGlobalVar v;
+            TVTLFrameworkScriptGlobalFunctions::FindGlobalScriptVar("reader", v);
+        }
+    };
+    TVTLFrameworkScriptGlobalFunctions::RegisterGlobalScriptVar("reader", "T", new TReader);
+    std::promise<void> replaced;
+    std::future<void> done = replaced.get_future();
+    std::thread([&replaced] {
+        TVTLFrameworkScriptGlobalFunctions::RegisterGlobalScriptVar("Reader", "T", new TReader);
+        replaced.set_value();
+    }).detach();
+    ASSERT_EQ(done.wait_for(std::chrono::seconds(10)), std::future_status::ready)
+        << "the old value was released under the registry lock";
+    EXPECT_EQ(LiveObjects(), 1);
+    TVTLFrameworkScriptGlobalFunctions::RemoveGlobalScriptVar("READER");
+    EXPECT_EQ(LiveObjects(), 0);
 }

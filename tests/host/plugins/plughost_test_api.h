@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "_Interfaces.h"
+#include "_RessourceIntf.h"
 #include "_SysUtils.h"
 
 namespace plughost_test {
@@ -33,6 +34,37 @@ class IPlugTestExt : public docadmin::IInterface {
     virtual void Keep(docadmin::IInterface* AObject) = 0;
     // A new object of the plug-in, counted in LiveObjects.
     virtual docadmin::IPtr<docadmin::IInterface> MakeObject() = 0;
+};
+
+// An object counted in LiveObjects, and a resource source that offers nothing.
+class TCounted : public docadmin::TInterfacedObject {
+  public:
+    TCounted() { ++LiveObjects(); }
+    ~TCounted() override { --LiveObjects(); }
+};
+
+class TSource : public TCounted, public docadmin::IRessourceSource {
+  public:
+    docadmin::HRESULT QueryInterface(const docadmin::TGUID& iid, void** obj) override {
+        if (QueryOwn<IRessourceSource>(iid, obj)) return docadmin::S_OK;
+        return TCounted::QueryInterface(iid, obj);
+    }
+    std::int32_t _AddRef() override { return TCounted::_AddRef(); }
+    std::int32_t _Release() override { return TCounted::_Release(); }
+    std::int32_t Get_ContainerCount() override { return 0; }
+    std::int32_t Get_ContainerInfo(std::int32_t,
+                                   docadmin::IPtr<docadmin::IInterface>& AContainer) override {
+        AContainer = nullptr;
+        return 0;
+    }
+    std::string Get_Caption() override { return "Test source"; }
+    bool Get_Enabled() override { return true; }
+    docadmin::IPtr<docadmin::IRessourceContainer> GetRessourceContainer(const std::string&,
+                                                                        std::int64_t) override {
+        return nullptr;
+    }
+    void Do_AddNotifier(docadmin::IRessourceSourceNotify*) override {}
+    void Do_RemoveNotifier(docadmin::IRessourceSourceNotify*) override {}
 };
 
 }  // namespace plughost_test

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # docadmin plugins end to end: the listing of loaded and failed plug-ins, its exit code, and where
-# the plug-in folder comes from ([host] plugin_dir before DOCADMIN_PLUGIN_DIR).
+# the plug-in folder comes from ([host] plugin_dir before DOCADMIN_PLUGIN_DIR). Then serve with a
+# plug-in that runs a job thread: SIGTERM still stops it cleanly.
 #   plugins_verb_test.sh path/to/docadmin folder-of-the-test-plug-ins
 set -uo pipefail
 bin=$(realpath "$1")
@@ -48,6 +49,20 @@ printf '[host]\nlanguage = "nl"\n' >"$work/bad.toml"
 run "$bin" plugins --config "$work/bad.toml"
 [[ $rc -eq 1 && $err == *'host.language must be "de", "en", "fr" or "it", not "nl"'* ]] ||
     fail "a bad language: exit $rc: $err"
+
+rm "$work/plugins/libplugtest_noinit.so"
+"$bin" serve --listen 127.0.0.1:0 >"$work/serve.out" 2>"$work/serve.err" &
+pid=$!
+for _ in $(seq 100); do
+    grep -q "listening on" "$work/serve.err" && break
+    sleep 0.1
+done
+kill -TERM $pid
+wait $pid
+rc=$?
+err=$(cat "$work/serve.err")
+[[ $rc -eq 0 && $err == *"PlugTestA"*"listening on"*"docadmin serve: stopped"* ]] ||
+    fail "serve with plug-ins and SIGTERM: exit $rc: $err"
 
 [[ $failures -eq 0 ]] || exit 1
 echo "plugins verb: all checks passed"

@@ -43,34 +43,6 @@ class TdmFirst : public TdmRecorded {
     explicit TdmFirst(TClientPluginBase* AOwner) : TdmRecorded(AOwner, "First") {}
 };
 
-class TCounted : public TInterfacedObject {
-  public:
-    TCounted() { ++LiveObjects(); }
-    ~TCounted() override { --LiveObjects(); }
-};
-
-class TSource : public TCounted, public IRessourceSource {
-  public:
-    HRESULT QueryInterface(const TGUID& iid, void** obj) override {
-        if (QueryOwn<IRessourceSource>(iid, obj)) return S_OK;
-        return TCounted::QueryInterface(iid, obj);
-    }
-    std::int32_t _AddRef() override { return TCounted::_AddRef(); }
-    std::int32_t _Release() override { return TCounted::_Release(); }
-    std::int32_t Get_ContainerCount() override { return 0; }
-    std::int32_t Get_ContainerInfo(std::int32_t, IPtr<IInterface>& AContainer) override {
-        AContainer = nullptr;
-        return 0;
-    }
-    std::string Get_Caption() override { return "Test source"; }
-    bool Get_Enabled() override { return true; }
-    IPtr<IRessourceContainer> GetRessourceContainer(const std::string&, std::int64_t) override {
-        return nullptr;
-    }
-    void Do_AddNotifier(IRessourceSourceNotify*) override {}
-    void Do_RemoveNotifier(IRessourceSourceNotify*) override {}
-};
-
 // Runs until the scheduler asks it to stop; its code lives in this library.
 class TLoopJob : public TKRCustomBackgroundJob {
   public:
