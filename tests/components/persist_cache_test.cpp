@@ -34,7 +34,7 @@ TEST_F(UniqueFolderCacheTest, RecordRootFolderNeedsALeadingCharacter) {
     EXPECT_TRUE(cache.GetIsCacheableUniqueFolder("Invoices#Records"));
 }
 
-TEST_F(UniqueFolderCacheTest, LoadMakesAStoredChildFromTheNewestEntry) {
+TEST_F(UniqueFolderCacheTest, LoadMakesAStoredChildFromTheNewestEntryOfItsKey) {
     TTestDocAdmin admin;
     TUniqueFolderCache cache;
     TDocDirectory* dest = admin.Directories();
@@ -62,18 +62,15 @@ TEST_F(UniqueFolderCacheTest, LoadMakesAStoredChildFromTheNewestEntry) {
     EXPECT_EQ(made->ACLGroupID(), 60);
     EXPECT_EQ(made->ChangeState(), chNone);
     EXPECT_TRUE(made->LoadingState().Empty());
-}
 
-TEST_F(UniqueFolderCacheTest, AFolderWithoutPluginIsKeyedByItsParents) {
-    TTestDocAdmin admin;
-    TUniqueFolderCache cache;
-    TDocDirectory* parent = StoredFolder(admin, kP2, "P", 1);
-    TDocDirectory* child = parent->AddChildDirectory();
+    // A folder without plug-in is keyed by its parents'.
+    TUniqueFolderCache byParent;
+    TDocDirectory* child = StoredFolder(admin, kP2, "P", 1)->AddChildDirectory();
     child->SetTitel("Inv#Records");
     child->SetDirID(2);
-    cache.CacheUniqueFolder(child);
-    EXPECT_EQ(cache.FolderCount(kP2), 1);
-    EXPECT_EQ(cache.FolderCount(""), 0);
+    byParent.CacheUniqueFolder(child);
+    EXPECT_EQ(byParent.FolderCount(kP2), 1);
+    EXPECT_EQ(byParent.FolderCount(""), 0);
 }
 
 TEST_F(UniqueFolderCacheTest, SharedByThreads) {

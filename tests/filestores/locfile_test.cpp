@@ -55,7 +55,7 @@ TEST_F(LocalStoreTest, ServerFolderComesFromFileRootElseTheSelectedDatabase) {
         << "the server store ignores offline mode";
 }
 
-TEST_F(LocalStoreTest, NoCompressionStoresByteIdenticalFilesAndStillReadsContainers) {
+TEST_F(LocalStoreTest, NoCompressionStoresPlainFilesStillReadsContainersExceptOnTheServer) {
     host.dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
     const std::string content = TextBytes(2'000'000);
     const std::string local = LocalFile("doc", content);
@@ -70,17 +70,14 @@ TEST_F(LocalStoreTest, NoCompressionStoresByteIdenticalFilesAndStillReadsContain
     EXPECT_EQ(ReadAll(dir / "repo" / newer), content);
     EXPECT_EQ(Fetch(*plain, newer), content);
     EXPECT_EQ(Fetch(*plain, older), content);
-}
 
-TEST_F(LocalStoreTest, ServerStoreCompressesRegardlessOfNoCompression) {
-    host.user.bools[{"DocAdmin", "NoCompression"}] = true;
+    // The server store compresses regardless.
     host.local.strings[{"DOCSRV", "FileRoot"}] = (dir / "srv").string();
-    auto s = Make<TDocFileLoaderLocServer>();
-    EXPECT_TRUE(s->UseCompression());
-    const std::string content = TextBytes(10'000);
-    const std::string name = s->UploadFile(LocalFile("doc", content), "", upmNew);
+    auto server = Make<TDocFileLoaderLocServer>();
+    EXPECT_TRUE(server->UseCompression());
+    const std::string name = server->UploadFile(local, "", upmNew);
     EXPECT_EQ(ReadAll(dir / "srv" / name).substr(0, 4), "AACS");
-    EXPECT_EQ(Fetch(*s, name), content);
+    EXPECT_EQ(Fetch(*server, name), content);
 }
 
 TEST_F(LocalStoreTest, UploadReportsCompressEvents) {

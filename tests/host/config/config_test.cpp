@@ -107,6 +107,10 @@ TEST_F(ConfigTest, DefaultsAreOneSQLiteDatabaseInTheDataFolder) {
     EXPECT_TRUE(c.CanCreateContainer());
     EXPECT_EQ(c.MinPasswordLength(), 8);
     EXPECT_TRUE(c.LocalSettings().empty());
+    // A single database is selected without a key.
+    const auto only = TDocAdminConfig::FromString("[databases.only]\n", "");
+    EXPECT_EQ(only.SelectedDatabase().Name, "only");
+    EXPECT_EQ(fs::path(only.SelectedDatabase().Path).filename(), "only.db");
 }
 
 TEST_F(ConfigTest, LocateTakesArgumentThenEnvironmentThenDataFolderFile) {
@@ -176,12 +180,6 @@ path = "/abs/x.db"
     EXPECT_EQ(c.Databases()[1].Settings.at("NoCompression"), "true");
     EXPECT_EQ(c.SelectedDatabase().Settings.count("conninfo"), 0u);
     EXPECT_EQ(c.Databases()[1].Settings.count("path"), 0u);
-}
-
-TEST_F(ConfigTest, SingleDatabaseIsSelectedWithoutKey) {
-    const auto c = TDocAdminConfig::FromString("[databases.only]\n", "");
-    EXPECT_EQ(c.SelectedDatabase().Name, "only");
-    EXPECT_EQ(fs::path(c.SelectedDatabase().Path).filename(), "only.db");
 }
 
 TEST_F(ConfigTest, MistakesAreReportedWithTheFileName) {

@@ -384,6 +384,15 @@ TEST_P(RuntimeUsers, UserAccessAnswersTheRightsChecks) {
     EXPECT_EQ(asInterface->GetGroupAccessMode(g1), uamFull);
     ICurrentUser* current = access.get();
     EXPECT_EQ(current->GetDefaultACLGroup(), g2);
+
+    // The ACL table controller is found by its table's name while it lives.
+    EXPECT_EQ(access->GetACLTableController("runtime_acl_test_table"), nullptr);
+    {
+        TKRACLDataTableController controller(nullptr);
+        controller.AddTable("runtime_acl_test_table", TACLTableType::atDefault, "", "Test");
+        EXPECT_EQ(access->GetACLTableController("runtime_acl_test_table"), &controller);
+    }
+    EXPECT_EQ(access->GetACLTableController("runtime_acl_test_table"), nullptr);
 }
 
 TEST_P(RuntimeUsers, UserAccessSeesChangesAfterItsCacheTime) {
@@ -404,17 +413,6 @@ TEST_P(RuntimeUsers, UserAccessSeesChangesAfterItsCacheTime) {
     cached->Invalidate();
     EXPECT_EQ(cached->GetGroupAccessMode(g), uamReadWrite);
     EXPECT_TRUE(cached->IsReadOnly());
-}
-
-TEST_P(RuntimeUsers, ACLTableControllerIsFoundByTableName) {
-    IPtr<TDBUserAccess> access(new TDBUserAccess(DB.get(), AddUser("u", kPw)));
-    EXPECT_EQ(access->GetACLTableController("runtime_acl_test_table"), nullptr);
-    {
-        TKRACLDataTableController controller(nullptr);
-        controller.AddTable("runtime_acl_test_table", TACLTableType::atDefault, "", "Test");
-        EXPECT_EQ(access->GetACLTableController("runtime_acl_test_table"), &controller);
-    }
-    EXPECT_EQ(access->GetACLTableController("runtime_acl_test_table"), nullptr);
 }
 
 DB_INSTANTIATE(RuntimeSettings);

@@ -111,15 +111,13 @@ TEST(SqlParser, ComparisonNumbersTranslateToMatchingFilterTypes) {
     }
 }
 
-TEST(SqlParser, AndBindsTighterThanOr) {
+TEST(SqlParser, AndBindsTighterThanOrUnlessParenthesesSayOtherwise) {
     EXPECT_EQ(Parse("a=1 OR b=2 AND c=3"), "{a='1' OR {b='2' AND c='3'}}");
     // The group's own comparisons come first; the AND pair becomes a subgroup linked by OR.
     EXPECT_EQ(Parse("a=1 AND b=2 OR c=3"), "{c='3' OR {a='1' AND b='2'}}");
     EXPECT_EQ(Parse("a=1 AND b=2 AND c=3"), "{a='1' AND b='2' AND c='3'}");
     EXPECT_EQ(Parse("a=1 OR b=2 OR c=3"), "{a='1' OR b='2' OR c='3'}");
-}
-
-TEST(SqlParser, ParenthesesOverridePrecedenceAndSameOperatorMerges) {
+    // Parentheses override precedence; the same operator inside merges.
     EXPECT_EQ(Parse("(a=1 OR b=2) AND c=3"), "{c='3' AND {a='1' OR b='2'}}");
     EXPECT_EQ(Parse("a=1 AND (b=2 AND c=3)"), "{a='1' AND b='2' AND c='3'}");
     EXPECT_EQ(Parse("((a=1))"), "{a='1'}");
