@@ -29,10 +29,9 @@ class IDocumentStore : public IInterface {
                                          const std::string& Pagination, bool& MethodResult,
                                          std::string& ResultInfo) = 0;
     virtual void DownloadRecordDocument(const std::string& StorageUID,
-                                        const std::string& SchemaName,
-                                        const std::string& RecordUID, std::int64_t ServerDBID,
-                                        const std::string& Chunk, bool& MethodResult,
-                                        std::string& ResultInfo) = 0;
+                                        const std::string& SchemaName, const std::string& RecordUID,
+                                        std::int64_t ServerDBID, const std::string& Chunk,
+                                        bool& MethodResult, std::string& ResultInfo) = 0;
     virtual void DownloadRecordDocumentEx(const std::string& StorageUID,
                                           const std::string& SchemaName,
                                           const std::string& RecordUID, std::int64_t ServerDBID,

@@ -23,7 +23,8 @@ std::optional<TJsonObject> ParseRawJson(const std::string& AText, const char* AN
         if (inner.empty()) return std::nullopt;
         v = TJsonObject::parse(inner, nullptr, false);
     }
-    if (v.is_discarded()) throw EVTLRestServiceError(400, std::string(AName) + " is not valid JSON");
+    if (v.is_discarded())
+        throw EVTLRestServiceError(400, std::string(AName) + " is not valid JSON");
     if (v.is_null()) return std::nullopt;
     if (!v.is_object())
         throw EVTLRestServiceError(400, std::string(AName) + " must be a JSON object");
@@ -132,13 +133,12 @@ const TAPIInterfaceType* DocumentStoreInterfaceType() {
         IDocumentStore::IID,
         {
             {"QueryRecordResourceList",
-             params({storage, schema, record, {"Filter", K::pkRawJSON},
-                     {"Pagination", K::pkRawJSON}}),
+             params(
+                 {storage, schema, record, {"Filter", K::pkRawJSON}, {"Pagination", K::pkRawJSON}}),
              [](TVTLCustomRestService& S, TAPICallArgs& A) {
-                 store(S).QueryRecordResourceList(A.Str("StorageUID"), A.Str("SchemaName"),
-                                                  A.Str("RecordUID"), A.Raw("Filter"),
-                                                  A.Raw("Pagination"), A.OutBool("MethodResult"),
-                                                  A.OutRaw("ResultInfo"));
+                 store(S).QueryRecordResourceList(
+                     A.Str("StorageUID"), A.Str("SchemaName"), A.Str("RecordUID"), A.Raw("Filter"),
+                     A.Raw("Pagination"), A.OutBool("MethodResult"), A.OutRaw("ResultInfo"));
              }},
             {"DownloadRecordDocument", params({storage, schema, record, dbid, chunk}),
              [](TVTLCustomRestService& S, TAPICallArgs& A) {
@@ -161,9 +161,8 @@ const TAPIInterfaceType* DocumentStoreInterfaceType() {
              }},
             {"DownloadDocumentEx", params({docUID, chunk, options}),
              [](TVTLCustomRestService& S, TAPICallArgs& A) {
-                 store(S).DownloadDocumentEx(A.Str("DocumentUID"), A.Raw("Chunk"),
-                                             A.Raw("Options"), A.OutBool("MethodResult"),
-                                             A.OutRaw("ResultInfo"));
+                 store(S).DownloadDocumentEx(A.Str("DocumentUID"), A.Raw("Chunk"), A.Raw("Options"),
+                                             A.OutBool("MethodResult"), A.OutRaw("ResultInfo"));
              }},
         }};
     return &type;
@@ -191,10 +190,12 @@ void TVTLDocumentsRestService::QueryRecordResourceList(
     });
 }
 
-void TVTLDocumentsRestService::DownloadRecordDocument(
-    const std::string& StorageUID, const std::string& SchemaName, const std::string& RecordUID,
-    std::int64_t ServerDBID, const std::string& Chunk, bool& MethodResult,
-    std::string& ResultInfo) {
+void TVTLDocumentsRestService::DownloadRecordDocument(const std::string& StorageUID,
+                                                      const std::string& SchemaName,
+                                                      const std::string& RecordUID,
+                                                      std::int64_t ServerDBID,
+                                                      const std::string& Chunk, bool& MethodResult,
+                                                      std::string& ResultInfo) {
     RunServiceMethod(nullptr, MethodResult, ResultInfo, [&](TJsonObject& R, const TJsonObject*) {
         return InternalDownloadRecordDocument(StorageUID, SchemaName, RecordUID, ServerDBID, Chunk,
                                               R, nullptr);
@@ -237,7 +238,8 @@ TSessionDirectoryRootHelper* TVTLDocumentsRestService::GetDirectoryHelper(
     TRecordFlagTypes ARecordFlagTypes, bool AllowFromCache) {
     CheckCurrentSession();
     TSessionCache& cache = CurrentSession()->GetSessionCache();
-    if (auto* helper = dynamic_cast<TSessionDirectoryRootHelper*>(cache.Find(SessionDirectoryRootKey));
+    if (auto* helper =
+            dynamic_cast<TSessionDirectoryRootHelper*>(cache.Find(SessionDirectoryRootKey));
         helper && AllowFromCache && helper->StorageUID() == StorageUID &&
         helper->SchemaName() == SchemaName && helper->RecordUID() == RecordUID &&
         helper->RecordFlagTypes() == ARecordFlagTypes)
@@ -247,8 +249,8 @@ TSessionDirectoryRootHelper* TVTLDocumentsRestService::GetDirectoryHelper(
     IDocumentsServiceRepository* repository = RepositoryOrShutdown();
     std::string recordUID = RecordUID;
     const std::string baseDirectory = GetRecordBaseDirectory(SchemaName, recordUID, -1);
-    IPtr<IDirectoryRoot> root = repository->GetDocAdminObject(
-        StorageUID, baseDirectory, true, "", -1, 0, ARecordFlagTypes, true, false);
+    IPtr<IDirectoryRoot> root = repository->GetDocAdminObject(StorageUID, baseDirectory, true, "",
+                                                              -1, 0, ARecordFlagTypes, true, false);
 
     auto owned = std::make_unique<TSessionDirectoryRootHelper>(std::move(root));
     TSessionDirectoryRootHelper* helper = owned.get();
@@ -267,8 +269,8 @@ std::string TVTLDocumentsRestService::GetRecordBaseDirectory(const std::string& 
     IPtr<IDBFieldSchemaItem> schema =
         main ? GetSchemaByName(main->GetDBFieldSchema(), SchemaName) : IPtr<IDBFieldSchemaItem>();
     if (!schema) throw EVTLRestServiceError(400, "SchemaName \"" + SchemaName + "\" not found");
-    const std::string table =
-        schema->GetHasOwnDocumentTable() ? schema->GetDocumentTableName() : schema->GetSQLTableName();
+    const std::string table = schema->GetHasOwnDocumentTable() ? schema->GetDocumentTableName()
+                                                               : schema->GetSQLTableName();
     if (table.empty())
         throw EVTLRestServiceError(400, "No document storage found for \"" + SchemaName + "\"");
     if (RecordUID.empty()) RecordUID = main->GetDBInterface()->GetRecordUIDByDBID(table, ADBID);
@@ -281,7 +283,8 @@ TRecordFlagTypes TVTLDocumentsRestService::ResolveRecordFlagTypes(IMainInterface
     // session's root has been given up.
     std::string table;
     try {
-        if (AMainInterface) table = GetSQLTableNameFromSchemaName(AMainInterface->GetDBFieldSchema(), SchemaName);
+        if (AMainInterface)
+            table = GetSQLTableNameFromSchemaName(AMainInterface->GetDBFieldSchema(), SchemaName);
     } catch (const EDBUnknownSchema&) {
         return DefaultRecordFlagTypes();
     }
@@ -420,8 +423,7 @@ bool TVTLDocumentsRestService::InternalDownloadDocument(const std::string& Docum
     return true;
 }
 
-bool TVTLDocumentsRestService::FindDocumentByID(IDirectory* ADirectory,
-                                                IPtr<IDocument>& ADocument,
+bool TVTLDocumentsRestService::FindDocumentByID(IDirectory* ADirectory, IPtr<IDocument>& ADocument,
                                                 std::int64_t ADocumentID) {
     for (std::int32_t i = 0; i < ADirectory->Get_DocumentCount(); ++i) {
         IPtr<IDocument> doc = ADirectory->Get_Document(i);

@@ -37,13 +37,10 @@ namespace docadmin {
 class IDocumentsServiceRepository {
   public:
     // A tree handle on a new administrator for the plug-in's tree below ABaseDirectory.
-    virtual IPtr<IDirectoryRoot> GetDocAdminObject(const std::string& Plugin,
-                                                   const std::string& BaseDirectory, bool ALoad,
-                                                   const std::string& AResIdentifier,
-                                                   std::int64_t AResID,
-                                                   std::int64_t ADBATransactionID,
-                                                   TRecordFlagTypes ARecordFlagTypes,
-                                                   bool AAutoSave, bool AIsNewUniqueFolder) = 0;
+    virtual IPtr<IDirectoryRoot> GetDocAdminObject(
+        const std::string& Plugin, const std::string& BaseDirectory, bool ALoad,
+        const std::string& AResIdentifier, std::int64_t AResID, std::int64_t ADBATransactionID,
+        TRecordFlagTypes ARecordFlagTypes, bool AAutoSave, bool AIsNewUniqueFolder) = 0;
     // Fetches the document with this UID into ADestFileName; false when no row has it.
     virtual bool DownloadDocumentWithUID(const std::string& ADocumentUID,
                                          const std::string& ADestFileName, std::string& ADocName,
@@ -131,8 +128,8 @@ class TVTLDocumentsRestService : public TVTLCustomRestService, public IDocumentS
                                                     bool AllowFromCache);
     // The folder path of the record below its plug-in's tree: "<table>#Records","<record UID>".
     // An empty RecordUID is looked up by ADBID and written back.
-    static std::string GetRecordBaseDirectory(const std::string& SchemaName,
-                                              std::string& RecordUID, std::int64_t ADBID);
+    static std::string GetRecordBaseDirectory(const std::string& SchemaName, std::string& RecordUID,
+                                              std::int64_t ADBID);
     // The record flag types of the schema's table for the current session kind, or the default.
     static TRecordFlagTypes ResolveRecordFlagTypes(IMainInterface* AMainInterface,
                                                    const std::string& SchemaName);
@@ -149,10 +146,9 @@ class TVTLDocumentsRestService : public TVTLCustomRestService, public IDocumentS
                                           const std::string& Pagination, TJsonObject& ResultJson,
                                           TRecordFlagTypes ARecordFlagTypes);
     bool InternalDownloadRecordDocument(const std::string& StorageUID,
-                                        const std::string& SchemaName,
-                                        const std::string& RecordUID, std::int64_t ServerDBID,
-                                        const std::string& Chunk, TJsonObject& ResultJson,
-                                        const TJsonObject* OptionsJson);
+                                        const std::string& SchemaName, const std::string& RecordUID,
+                                        std::int64_t ServerDBID, const std::string& Chunk,
+                                        TJsonObject& ResultJson, const TJsonObject* OptionsJson);
     bool InternalDownloadDocument(const std::string& DocumentUID, const std::string& Chunk,
                                   const TJsonObject* OptionsJson, TJsonObject& ResultJson);
 

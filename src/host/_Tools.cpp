@@ -480,8 +480,8 @@ constexpr char kBase64[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz
 void Base64EncodeTo(const std::uint8_t* data, size_t n, char* out) {
     size_t i = 0;
     for (; i + 2 < n; i += 3) {
-        const std::uint32_t v = (std::uint32_t{data[i]} << 16) |
-                                (std::uint32_t{data[i + 1]} << 8) | data[i + 2];
+        const std::uint32_t v =
+            (std::uint32_t{data[i]} << 16) | (std::uint32_t{data[i + 1]} << 8) | data[i + 2];
         *out++ = kBase64[v >> 18];
         *out++ = kBase64[(v >> 12) & 63];
         *out++ = kBase64[(v >> 6) & 63];

@@ -8,6 +8,7 @@
 
 #include "_DocFileLoaderChoice.h"
 #include "_TDBDocAdmin.h"
+#include "_TDocAdminObject.h"
 #include "_TKRACLDataTableController.h"
 #include "_TKRRecordSet.h"
 #include "_TUniqueFolderCache.h"
@@ -152,10 +153,8 @@ class DocService : public TRestServerFixture, public ::testing::WithParamInterfa
         TUniqueFolderCache cache;
         auto admin = NewAdmin(*FHost, cache, "\"contacts#Records\",\"" + kRecord + "\"");
         admin->SetUserAccess(nullptr);
-        TDocDirectory* root = admin->Directories()->GetChildDirectorys(0);
-        while (root->ChildDirectoryCount() > 0 && root->Titel() != kRecord)
-            root = root->GetChildDirectorys(0);
-        ASSERT_EQ(root->Titel(), kRecord);
+        TDocDirectory* root = admin->Directories();
+        ASSERT_EQ(root->ChildDirectoryCount(), 0);  // finds or makes the record's folder
         auto dir = [&](TDocDirectory* AParent, const std::string& AName, std::int64_t AGroup) {
             TDocDirectory* d = admin->AddDirectory(AParent, AName);
             d->SetACLGroupID(AGroup);
@@ -329,13 +328,20 @@ TEST_P(DocService, ChunkRulesOnBothRoutes) {
           {R"({"size":2})", 20, 2, ""},
           {R"({"position":8})", 8, 2, "89"},
           {R"({"size":1})", 0, 1, "0"}}},
-        {"beyond end without size", {{R"({"position":20})", 20, -10, ""}, {R"({"size":1})", 0, 1, "0"}}},
-        {"negative position", {{R"({"size":4})", 0, 4, "0123"}, {R"({"position":-5,"size":2})", 4, 2, "45"}}},
+        {"beyond end without size",
+         {{R"({"position":20})", 20, -10, ""}, {R"({"size":1})", 0, 1, "0"}}},
+        {"negative position",
+         {{R"({"size":4})", 0, 4, "0123"}, {R"({"position":-5,"size":2})", 4, 2, "45"}}},
         {"negative size",
-         {{R"({"size":3})", 0, 3, "012"}, {R"({"size":-7})", 3, 7, "3456789"}, {R"({"size":1})", 0, 1, "0"}}},
-        {"size beyond rest", {{R"({"position":7,"size":100})", 7, 100, "789"}, {R"({"size":1})", 0, 1, "0"}}},
+         {{R"({"size":3})", 0, 3, "012"},
+          {R"({"size":-7})", 3, 7, "3456789"},
+          {R"({"size":1})", 0, 1, "0"}}},
+        {"size beyond rest",
+         {{R"({"position":7,"size":100})", 7, 100, "789"}, {R"({"size":1})", 0, 1, "0"}}},
         {"exact steps end the entry",
-         {{R"({"size":5})", 0, 5, "01234"}, {R"({"size":5})", 5, 5, "56789"}, {R"({"size":5})", 0, 5, "01234"}}},
+         {{R"({"size":5})", 0, 5, "01234"},
+          {R"({"size":5})", 5, 5, "56789"},
+          {R"({"size":5})", 0, 5, "01234"}}},
         {"chunk as a string", {{R"("{\"size\":2}")", 0, 2, "01"}, {R"({"size":2})", 2, 2, "23"}}},
     };
     for (const bool byUID : {false, true}) {
@@ -364,9 +370,9 @@ TEST_P(DocService, ResultKeysEntriesPerRouteAndFailedFetches) {
     keys.clear();
     for (const auto& [k, v] : uid.Info.items())
         keys.push_back(k);
-    EXPECT_EQ(keys, (std::vector<std::string>{"chunk", "server_uid", "name", "lastmodified",
-                                              "createdate", "converted", "content",
-                                              "content--encoding"}));
+    EXPECT_EQ(keys,
+              (std::vector<std::string>{"chunk", "server_uid", "name", "lastmodified", "createdate",
+                                        "converted", "content", "content--encoding"}));
     EXPECT_EQ(uid.Info["chunk"]["position"], 0);  // its own entry, not the one by ID
     EXPECT_EQ(ByID("root.txt", R"({"size":2})").Info["chunk"]["position"], 2);
     EXPECT_EQ(ByUID("root.txt", R"({"size":2})").Info["chunk"]["position"], 2);
@@ -405,7 +411,8 @@ TEST_P(DocService, ConversionAndItsFailure) {
 
     for (const bool byUID : {false, true}) {
         const std::string format = R"({"format":".nosuchformat"})";
-        const TAnswer a = byUID ? ByUID("note.txt", "", "", format) : ByID("note.txt", "", "", format);
+        const TAnswer a =
+            byUID ? ByUID("note.txt", "", "", format) : ByID("note.txt", "", "", format);
         ASSERT_TRUE(a.Result) << a.Info;
         EXPECT_FALSE(a.Info["converted"].get<bool>());
         EXPECT_EQ(a.Info["name"], "note.txt");
