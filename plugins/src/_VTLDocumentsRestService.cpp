@@ -90,7 +90,7 @@ void ServeChunk(TSessionCacheTempFileHelper& AHelper, const std::string& AKey,
 std::optional<std::string> OptionFormat(const TJsonObject* AOptions) {
     const TVariant format = TVTLCustomRestService::GetOptionsParamValue(AOptions, "format");
     if (format.IsNull()) return std::nullopt;
-    return format.GetAsString();
+    return format.AsString();
 }
 
 // The record set's first row's integer field; 0 for null.

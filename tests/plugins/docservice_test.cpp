@@ -172,17 +172,25 @@ class DocService : public TRestServerFixture, public ::testing::WithParamInterfa
             {sales, "s.txt", "sales figures"},
             {hr, "h.txt", "salaries"},
             {dir(hr, "Sub", 0), "deep.txt", "appraisals"}};
-        std::vector<TDocument*> docs;
         for (const auto& [d, name, bytes] : files) {
             const std::string local = (FDir / name).string();
             SaveStrToFile(local, bytes, false);
-            docs.push_back(admin->SaveDoc(nullptr, chAdded, local, d, name, 0));
+            admin->SaveDoc(nullptr, chAdded, local, d, name, 0);
+            FDocs[name] = {0, "", name, bytes, ""};
         }
         admin->SaveChanges();
-        for (std::size_t i = 0; i < files.size(); ++i)
-            FDocs[std::get<1>(files[i])] = {docs[i]->DocID(), docs[i]->GlobalRecUID(),
-                                            std::get<1>(files[i]), std::get<2>(files[i]),
-                                            docs[i]->RemoteFileName()};
+        TKRRecordSet rs(nullptr, FHost->GetDBInterface());
+        rs.SetSchemaName("docadmindocs");
+        for (const char* f : {"docname", "globalrecuid", "fllocname"})
+            rs.GetSelectFields()->Add(f);
+        rs.Open();
+        ASSERT_EQ(rs.GetRecordCount(), static_cast<int>(files.size()));
+        for (int i = 0; i < rs.GetRecordCount(); ++i) {
+            TDoc& doc = FDocs.at(rs.ValueByName(i, "docname").GetAsString());
+            doc.ID = rs.GetDBIDByRecNo(i);
+            doc.UID = rs.ValueByName(i, "globalrecuid").GetAsString();
+            doc.Remote = rs.ValueByName(i, "fllocname").GetAsString();
+        }
     }
 
     TAnswer Invoke(const std::string& AMethod, const json& ABody, const std::string& AToken = "") {
@@ -248,7 +256,10 @@ TEST_P(DocService, ListingNestsDirectoriesBeforeDocumentsWithKeysInOrder) {
     EXPECT_EQ(letters["directories"][0]["name"], "Old");
     EXPECT_FALSE(letters["directories"][0].contains("directories"));  // only documents there
 
-    const json& doc = a.Info["documents"][0];
+    // Documents in tree order; root.txt is one of them.
+    json doc;
+    for (const auto& d : a.Info["documents"])
+        if (d["name"] == "root.txt") doc = d;
     keys.clear();
     for (const auto& [k, v] : doc.items())
         keys.push_back(k);
