@@ -194,8 +194,12 @@ class DocService : public TRestServerFixture, public ::testing::WithParamInterfa
     }
 
     TAnswer Invoke(const std::string& AMethod, const json& ABody, const std::string& AToken = "") {
-        const auto a = Call("POST", "/services/IDocumentStore/" + AMethod, ABody.dump(),
-                            AToken.empty() ? FToken : AToken);
+        // A conversion may take longer than the client's read timeout: keep waiting a while.
+        TTestClient c(FServer->Port());
+        auto a = c.Call("POST", "/services/IDocumentStore/" + AMethod, ABody.dump(),
+                        AToken.empty() ? FToken : AToken);
+        for (int i = 0; i < 12 && a.Status == 0; ++i)
+            a = c.Read();
         EXPECT_EQ(a.Status, 200) << a.Body;
         const json j = json::parse(a.Body);
         return {j.value("MethodResult", false), j["ResultInfo"]};
