@@ -476,26 +476,25 @@ namespace {
 
 constexpr char kBase64[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
-std::string Base64Encode(const std::uint8_t* data, size_t n) {
-    std::string r;
-    r.reserve((n + 2) / 3 * 4);
+// Writes the Base64 of n bytes to out, which has room for (n + 2) / 3 * 4 characters.
+void Base64EncodeTo(const std::uint8_t* data, size_t n, char* out) {
     size_t i = 0;
     for (; i + 2 < n; i += 3) {
-        const std::uint32_t v = (data[i] << 16) | (data[i + 1] << 8) | data[i + 2];
-        r += kBase64[(v >> 18) & 63];
-        r += kBase64[(v >> 12) & 63];
-        r += kBase64[(v >> 6) & 63];
-        r += kBase64[v & 63];
+        const std::uint32_t v =
+            (std::uint32_t{data[i]} << 16) | (std::uint32_t{data[i + 1]} << 8) | data[i + 2];
+        *out++ = kBase64[v >> 18];
+        *out++ = kBase64[(v >> 12) & 63];
+        *out++ = kBase64[(v >> 6) & 63];
+        *out++ = kBase64[v & 63];
     }
     if (i < n) {
-        std::uint32_t v = data[i] << 16;
-        if (i + 1 < n) v |= data[i + 1] << 8;
-        r += kBase64[(v >> 18) & 63];
-        r += kBase64[(v >> 12) & 63];
-        r += i + 1 < n ? kBase64[(v >> 6) & 63] : '=';
-        r += '=';
+        std::uint32_t v = std::uint32_t{data[i]} << 16;
+        if (i + 1 < n) v |= std::uint32_t{data[i + 1]} << 8;
+        *out++ = kBase64[v >> 18];
+        *out++ = kBase64[(v >> 12) & 63];
+        *out++ = i + 1 < n ? kBase64[(v >> 6) & 63] : '=';
+        *out++ = '=';
     }
-    return r;
 }
 
 }  // namespace
@@ -504,9 +503,20 @@ std::string MIMEEncodeRawByteStr(TStream& AStream, std::int64_t ACount) {
     const std::int64_t rest = std::max<std::int64_t>(0, AStream.Size() - AStream.Position());
     const std::int64_t n = ACount < 0 ? rest : std::min(ACount, rest);
     if (n <= 0) return {};
-    std::vector<std::uint8_t> buf(static_cast<size_t>(n));
-    AStream.ReadBuffer(buf.data(), n);
-    return Base64Encode(buf.data(), buf.size());
+    // Read and encoded in blocks of whole triples, straight into the result: the bytes are never
+    // held in full beside their text.
+    constexpr std::int64_t kBlock = 3 * 64 * 1024;
+    std::string r(static_cast<size_t>((n + 2) / 3 * 4), '\0');
+    std::vector<std::uint8_t> buf(static_cast<size_t>(std::min(n, kBlock)));
+    char* out = r.data();
+    for (std::int64_t done = 0; done < n;) {
+        const std::int64_t len = std::min(kBlock, n - done);
+        AStream.ReadBuffer(buf.data(), len);
+        Base64EncodeTo(buf.data(), static_cast<size_t>(len), out);
+        out += (len + 2) / 3 * 4;
+        done += len;
+    }
+    return r;
 }
 
 std::string MIMEDecodeRawByteStr(const std::string& AText) {
