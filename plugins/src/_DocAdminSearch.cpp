@@ -1,6 +1,7 @@
 #include "_DocAdminSearch.h"
 
 #include <algorithm>
+#include <iterator>
 #include <memory>
 
 namespace docadmin {
