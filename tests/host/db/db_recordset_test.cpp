@@ -118,8 +118,8 @@ TEST_P(DBRecordSet, ComparisonsPatternsAndUpperCaseFolding) {
     for (const char* text : {"%ürO", "büro"}) {
         rs->Close();
         rs->GetFilters()->Clear();
-        AddFilter(rs->GetFilters(), "name", text,
-                  text[0] == '%' ? ftLike : ftEqual, flAnd, false, pNone, fffUpper);
+        AddFilter(rs->GetFilters(), "name", text, text[0] == '%' ? ftLike : ftEqual, flAnd, false,
+                  pNone, fffUpper);
         EXPECT_EQ(Names(*rs), V({"Büro"})) << text;
     }
 }
