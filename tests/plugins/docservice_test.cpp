@@ -553,6 +553,12 @@ TEST_P(DocService, ImportThroughTheRecordDetailDecodesAndPlacesEachDocument) {
     const json& info = answer["record_info"];
     ASSERT_EQ(info.size(), cases.size() + 1) << answer;
     EXPECT_EQ(info[0]["server_uid"], kRecord);
+    // The session's root holds the new documents: a download by ID needs no reload.
+    const int loads = FRepository.Loads.load();
+    json byID = Record();
+    byID["ServerDBID"] = info[1]["dbid"];
+    EXPECT_EQ(Invoke("DownloadRecordDocument", byID).Content(), "Hello");
+    EXPECT_EQ(FRepository.Loads.load(), loads);
     const auto docs = Docs();
     for (std::size_t i = 0; i < cases.size(); ++i) {
         SCOPED_TRACE(i);
