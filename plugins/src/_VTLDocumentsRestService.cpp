@@ -1,6 +1,7 @@
 #include "_VTLDocumentsRestService.h"
 
 #include <atomic>
+#include <cctype>
 #include <filesystem>
 #include <optional>
 
@@ -41,6 +42,15 @@ std::int64_t ChunkInt(const TJsonObject& AChunk, const char* AKey) {
     return v.get<std::int64_t>();
 }
 
+// A chunk's Base64 text on its way into ResultInfo. The JSON writer is slow for strings of
+// megabytes and Base64 needs no escaping, so the method shell appends "content" and
+// "content--encoding" (the last two keys) to the text of the rest of the result itself.
+struct TPendingContent {
+    bool Set = false;
+    std::string Text;
+};
+thread_local TPendingContent* GPendingContent = nullptr;
+
 // The method shell: ResultInfo is always a JSON object, failures come back as MethodResult false
 // with the error in it. With AOptions the text is parsed into an object for the inner routine.
 template <class F>
@@ -48,16 +58,31 @@ void RunServiceMethod(const std::string* AOptions, bool& MethodResult, std::stri
                       F AInner) {
     ResultInfo.clear();
     std::unique_ptr<TJsonObject> result = TVTLCustomRestService::CreateResultJson();
+    TPendingContent content;
     try {
         TVTLCustomRestService::CheckAndSimulateMethodeError();
         std::optional<TJsonObject> options;
         if (AOptions) options = ParseRawJson(*AOptions, "Options");
+        GPendingContent = &content;
+        TFinally noContent{[] { GPendingContent = nullptr; }};
         MethodResult = AInner(*result, options ? &*options : nullptr);
     } catch (const std::exception& e) {
+        content = {};
         TVTLCustomRestService::AddExceptionToJsonResult(e, *result);
         MethodResult = false;
     }
     ResultInfo = TVTLCustomRestService::ToJSON(*result, TVTLCustomRestService::ReturnCompactJson());
+    if (!content.Set) return;
+    result.reset();
+    while (!ResultInfo.empty() && ResultInfo.back() != '}')
+        ResultInfo.pop_back();
+    ResultInfo.pop_back();
+    while (!ResultInfo.empty() && std::isspace(static_cast<unsigned char>(ResultInfo.back())))
+        ResultInfo.pop_back();
+    ResultInfo.reserve(ResultInfo.size() + content.Text.size() + 48);
+    ResultInfo += ResultInfo.back() == '{' ? "\"content\":\"" : ",\"content\":\"";
+    ResultInfo += content.Text;
+    ResultInfo += "\",\"content--encoding\":\"Base64\"}";
 }
 
 // The module's repository; gone once the module is ending.
@@ -161,8 +186,13 @@ void ServeChunk(TSessionCacheTempFileHelper& AHelper, const std::string& AKey,
     AResult["chunk"] = {{"position", position},
                         {"size", size < 0 ? stream->Size() - position : size}};
     AWriteKeys();
-    AResult["content"] = MIMEEncodeRawByteStr(*stream, size);
-    AResult["content--encoding"] = "Base64";
+    if (GPendingContent) {
+        GPendingContent->Text = MIMEEncodeRawByteStr(*stream, size);
+        GPendingContent->Set = true;
+    } else {
+        AResult["content"] = MIMEEncodeRawByteStr(*stream, size);
+        AResult["content--encoding"] = "Base64";
+    }
     if (size < 0 || stream->Position() == stream->Size())
         TVTLCustomRestService::CurrentSession()->GetSessionCache().Remove(AKey);
 }

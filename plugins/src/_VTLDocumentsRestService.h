@@ -8,7 +8,9 @@
 //
 // A download copies the document into a temporary file that lives in the session cache under
 // "DOC:" + the document's identifier and is read chunk by chunk (Base64 in JSON); the entry ends
-// when a read leaves the position at the end of the file. The route by record takes the
+// when a read leaves the position at the end of the file. On the record route a failed fetch
+// leaves its entry behind, holding the failure: the next call answers it and gives the entry up,
+// so an empty file is never served as the document. The route by record takes the
 // document's ID and finds it in the record's tree, so only documents the user may see are found;
 // the route by UID checks the user's read right on the document and every folder above it before
 // anything is fetched. Both answer an unknown and a forbidden document with the same 404.

@@ -517,34 +517,22 @@ TEST_P(DocService, ImportThroughTheRecordDetailDecodesAndPlacesEachDocument) {
     // Element, then where it lands and what it holds. A number is skipped; an unknown path
     // creates nothing and puts the document into the record's folder.
     struct TCase {
-        json Element;
+        const char* Element;
         std::string Folder, Name, Bytes;
     };
+    // clang-format off
     const std::vector<TCase> cases = {
-        {{{"name", "b64.txt"}, {"content", "SGVsbG8="}, {"content--encoding", "Base64"}},
-         "",
-         "b64.txt",
-         "Hello"},
-        {{{"name", "hex.bin"}, {"content", "00ff41"}, {"content--encoding", "hex"}},
-         "",
-         "hex.bin",
-         std::string("\0\xff"
-                     "A",
-                     3)},
-        {{{"name", "plain.txt"}, {"content", "Grüße SGVsbG8="}, {"content--encoding", "base64"}},
-         "",
-         "plain.txt",
-         "Grüße SGVsbG8="},
-        {{{"name", "empty.txt"}, {"path", "Letters,Old"}}, "Old", "empty.txt", ""},
-        {{{"name", "lost.txt"}, {"path", "Letters,Nowhere"}, {"content", "x"}},
-         "",
-         "lost.txt",
-         "x"},
-        {{{"content", "no name"}}, "", "", "no name"},
+        {R"({"name":"b64.txt","content":"SGVsbG8=","content--encoding":"Base64"})", "", "b64.txt", "Hello"},
+        {R"({"name":"hex.bin","content":"00ff41","content--encoding":"hex"})", "", "hex.bin", {"\0\xff" "A", 3}},
+        {R"({"name":"plain.txt","content":"Grüße SGVsbG8=","content--encoding":"base64"})", "", "plain.txt", "Grüße SGVsbG8="},
+        {R"({"name":"empty.txt","path":"Letters,Old"})", "Old", "empty.txt", ""},
+        {R"({"name":"lost.txt","path":"Letters,Nowhere","content":"x"})", "", "lost.txt", "x"},
+        {R"({"content":"no name"})", "", "", "no name"},
     };
+    // clang-format on
     json items = json::array({42});
     for (std::size_t i = 0; i < cases.size(); ++i) {
-        items.push_back(cases[i].Element);
+        items.push_back(json::parse(cases[i].Element));
         items.back()["remote_uid"] = "r" + std::to_string(i);
     }
     const auto [status, answer] = PutDocuments({{"insert", items}});
@@ -553,6 +541,12 @@ TEST_P(DocService, ImportThroughTheRecordDetailDecodesAndPlacesEachDocument) {
     const json& info = answer["record_info"];
     ASSERT_EQ(info.size(), cases.size() + 1) << answer;
     EXPECT_EQ(info[0]["server_uid"], kRecord);
+    // The session's root holds the new documents: a download by ID needs no reload.
+    const int loads = FRepository.Loads.load();
+    json byID = Record();
+    byID["ServerDBID"] = info[1]["dbid"];
+    EXPECT_EQ(Invoke("DownloadRecordDocument", byID).Content(), "Hello");
+    EXPECT_EQ(FRepository.Loads.load(), loads);
     const auto docs = Docs();
     for (std::size_t i = 0; i < cases.size(); ++i) {
         SCOPED_TRACE(i);
