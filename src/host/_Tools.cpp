@@ -223,6 +223,168 @@ bool IsValidUtf8(const std::string& AText) {
     return true;
 }
 
+namespace {
+
+bool IsJsonDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+
+int JsonHexDigit(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
+// The four hex digits of a \u escape starting at APos (at the 'u'), or -1.
+int JsonEscapeUnit(const std::string& s, size_t APos) {
+    if (APos + 4 >= s.size()) return -1;
+    int v = 0;
+    for (size_t k = 1; k <= 4; ++k) {
+        const int d = JsonHexDigit(s[APos + k]);
+        if (d < 0) return -1;
+        v = v * 16 + d;
+    }
+    return v;
+}
+
+// Moves APos past the string that starts there (at its quote); false when it isn't one.
+bool SkipJsonString(const std::string& s, size_t& APos) {
+    const size_t n = s.size();
+    size_t i = APos + 1;
+    while (i < n) {
+        const auto c = static_cast<unsigned char>(s[i]);
+        if (c == '"') {
+            APos = i + 1;
+            return true;
+        }
+        if (c < 0x20) return false;
+        if (c >= 0x80) {
+            const size_t len = Utf8SequenceLength(s, i);
+            if (len == 0) return false;
+            i += len;
+            continue;
+        }
+        if (c != '\\') {
+            ++i;
+            continue;
+        }
+        if (++i >= n) return false;
+        const char e = s[i];
+        if (e != 'u') {
+            if (e != '"' && e != '\\' && e != '/' && e != 'b' && e != 'f' && e != 'n' && e != 'r' &&
+                e != 't')
+                return false;
+            ++i;
+            continue;
+        }
+        const int unit = JsonEscapeUnit(s, i);
+        if (unit < 0 || (unit >= 0xDC00 && unit <= 0xDFFF)) return false;
+        i += 5;
+        if (unit >= 0xD800 && unit <= 0xDBFF) {  // a high surrogate needs its low half
+            if (i + 1 >= n || s[i] != '\\' || s[i + 1] != 'u') return false;
+            const int low = JsonEscapeUnit(s, i + 1);
+            if (low < 0xDC00 || low > 0xDFFF) return false;
+            i += 6;
+        }
+    }
+    return false;
+}
+
+bool SkipJsonNumber(const std::string& s, size_t& APos) {
+    const size_t n = s.size();
+    size_t i = APos;
+    if (s[i] == '-') ++i;
+    if (i < n && s[i] == '0')
+        ++i;
+    else if (i < n && s[i] >= '1' && s[i] <= '9')
+        while (i < n && IsJsonDigit(s[i]))
+            ++i;
+    else
+        return false;
+    if (i < n && s[i] == '.') {
+        if (++i >= n || !IsJsonDigit(s[i])) return false;
+        while (i < n && IsJsonDigit(s[i]))
+            ++i;
+    }
+    if (i < n && (s[i] == 'e' || s[i] == 'E')) {
+        if (++i < n && (s[i] == '+' || s[i] == '-')) ++i;
+        if (i >= n || !IsJsonDigit(s[i])) return false;
+        while (i < n && IsJsonDigit(s[i]))
+            ++i;
+    }
+    APos = i;
+    return true;
+}
+
+}  // namespace
+
+bool IsValidJsonText(const std::string& s) {
+    const size_t n = s.size();
+    size_t i = 0;
+    auto space = [&] {
+        while (i < n && (s[i] == ' ' || s[i] == '\t' || s[i] == '\n' || s[i] == '\r'))
+            ++i;
+    };
+    // A member's key and colon, with the space after them.
+    auto key = [&] {
+        if (i >= n || s[i] != '"' || !SkipJsonString(s, i)) return false;
+        space();
+        if (i >= n || s[i] != ':') return false;
+        ++i;
+        space();
+        return true;
+    };
+    std::string open;  // the containers around the current value, '{' or '['
+    space();
+    for (;;) {
+        // A value starts at i.
+        if (i >= n) return false;
+        const char c = s[i];
+        if (c == '{' || c == '[') {
+            ++i;
+            space();
+            if (i < n && s[i] == (c == '{' ? '}' : ']')) {
+                ++i;
+            } else {
+                open.push_back(c);
+                if (c == '{' && !key()) return false;
+                continue;
+            }
+        } else if (c == '"') {
+            if (!SkipJsonString(s, i)) return false;
+        } else if (c == '-' || IsJsonDigit(c)) {
+            if (!SkipJsonNumber(s, i)) return false;
+        } else {
+            bool literal = false;
+            for (const char* word : {"true", "false", "null"}) {
+                const size_t len = std::char_traits<char>::length(word);
+                if (s.compare(i, len, word) == 0) {
+                    i += len;
+                    literal = true;
+                    break;
+                }
+            }
+            if (!literal) return false;
+        }
+        // After a value: close what ends here, then a comma leads to the next value.
+        for (;;) {
+            space();
+            if (open.empty()) return i == n;
+            if (i >= n) return false;
+            if (s[i] == ',') {
+                ++i;
+                space();
+                if (open.back() == '{' && !key()) return false;
+                break;
+            }
+            if (s[i] != (open.back() == '{' ? '}' : ']')) return false;
+            ++i;
+            open.pop_back();
+        }
+    }
+}
+
 std::string NameFromFileSystem(const std::string& ABytes) {
     std::string r;
     r.reserve(ABytes.size());

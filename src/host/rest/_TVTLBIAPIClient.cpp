@@ -1,5 +1,7 @@
 #include "_TVTLBIAPIClient.h"
 
+#include "_Tools.h"
+
 #include <algorithm>
 #include <mutex>
 
@@ -158,7 +160,7 @@ std::size_t SkipValue(const std::string& s, std::size_t pos) {
 }  // namespace
 
 std::vector<std::pair<std::string, std::string>> SplitJsonObjectMembers(const std::string& AText) {
-    if (!TJsonObject::accept(AText))
+    if (!IsValidJsonText(AText))
         throw EVTLRestServiceError(400, "The request body is not valid JSON");
     std::size_t pos = SkipSpace(AText, 0);
     if (pos >= AText.size() || AText[pos] != '{')
@@ -234,7 +236,7 @@ std::string InvokePublishedAPIMethod(const TPublishedAPIMethod& AMethod, const s
                 const std::string& raw = args.Str(p.Name);
                 if (raw.empty()) {
                     out += "null";
-                } else if (TJsonObject::accept(raw)) {
+                } else if (IsValidJsonText(raw)) {
                     out += raw;
                 } else {
                     throw EVTLRestServiceError(
