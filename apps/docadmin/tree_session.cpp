@@ -38,7 +38,7 @@ TModuleSession::TModuleSession(const HostOptions& AOptions, std::uint8_t ARunMod
     FDocAdmin.reset();
     std::string reasons;
     for (const TPluginInfo& info : FHost->Plugins().Plugins())
-        if (!info.Loaded) reasons += "\n  " + info.Path + ": " + info.Error;
+        if (!info.Loaded) reasons += (reasons.empty() ? " " : "; ") + info.Path + ": " + info.Error;
     throw Exception("The document module " + DocAdminPluginGUID +
                     " is not loaded from the plug-in folder '" + FHost->Config().PluginDir() +
                     "' ([host] plugin_dir or DOCADMIN_PLUGIN_DIR)" +
