@@ -1,6 +1,6 @@
 // The document tree verbs: import, ls, get, export, replace, rm, mkdir, versions. Each works on
 // the tree that --plugin and --path name (see tree_session.h), in the configured database and
-// store.
+// store, through the document module's interfaces.
 //
 // Writing verbs run in one transaction (an import in batches of rows, each committed on its own):
 // rows appear only when their part succeeded, and the store has written every file before its row
@@ -16,8 +16,6 @@
 #include <string>
 #include <vector>
 
-#include "_TDocFileLoaderLocFile.h"
-#include "_TKRRecordSet.h"
 #include "_Tools.h"
 #include "commands.h"
 #include "progress.h"
@@ -34,33 +32,20 @@ constexpr std::size_t ProgressThreshold = 50;
 // Documents per committed batch of an import.
 constexpr std::size_t ImportBatchSize = 200;
 
-// Loads every directory and document of the tree in memory: the children of one directory per
-// query, the documents of a whole level of directories in one query. Answers the directories,
-// root first, level by level.
-std::vector<TDocDirectory*> LoadWholeTree(TDBDocAdmin& AAdmin) {
-    std::vector<TDocDirectory*> all;
-    std::vector<TDocDirectory*> level{AAdmin.Directories()};
-    level.front()->ChildDirectoryCount();  // resolves the root first
-    while (!level.empty()) {
-        AAdmin.LoadFilesForDirectory(level);
-        std::vector<TDocDirectory*> next;
-        for (TDocDirectory* dir : level) {
-            all.push_back(dir);
-            const std::int32_t n = dir->ChildDirectoryCount();
-            for (std::int32_t i = 0; i < n; ++i)
-                next.push_back(dir->GetChildDirectorys(i));
-        }
-        level = std::move(next);
-    }
-    return all;
-}
-
 // For the progress bar only: a folder that can't be read ends the count early.
 std::size_t CountFiles(const fs::path& ADir) {
     std::size_t n = 0;
     std::error_code ec;
     for (fs::recursive_directory_iterator it(ADir, ec), end; !ec && it != end; it.increment(ec))
         if (it->is_regular_file(ec)) ++n;
+    return n;
+}
+
+// Documents of a loaded tree, counted through its interfaces.
+std::int64_t CountDocuments(IDirectory& ADir) {
+    std::int64_t n = ADir.Get_DocumentCount();
+    for (std::int32_t i = 0; i < ADir.Get_ChildDirectoryCount(); ++i)
+        n += CountDocuments(*ADir.Get_ChildDirectory(i));
     return n;
 }
 
@@ -79,36 +64,44 @@ std::string JsonText(const json& AJson) {
     return AJson.dump(1, ' ', false, json::error_handler_t::replace);
 }
 
-// A --path or mkdir path typed by the user must be well-formed, with proper folder names.
-void CheckUserPath(const std::string& APath, const std::string& AWhat) {
-    try {
-        TBaseDocAdmin::ParseFolderPath(APath);
-    } catch (Exception& e) {
-        e.SetMessage(AWhat + ": " + e.Message());
-        throw;
+// A folder's path below the tree's root as comma text of quoted titles.
+std::string FolderPath(IDirectory* ADir) {
+    std::string path;
+    for (IPtr<IDirectory> d(ADir); d;) {
+        IPtr<IDirectory> parent = d->Get_ParentDir();
+        if (!parent) break;
+        path = "\"" + d->Get_Title() + "\"" + (path.empty() ? "" : "," + path);
+        d = parent;
     }
+    return path;
 }
 
-// Opens a session for a verb that only reads: loading creates no folder and nothing is saved.
-std::unique_ptr<TTreeSession> ReadingSession(TreeOptions AOptions) {
-    CheckUserPath(AOptions.Path, "--path");
+// Options of a verb that only reads: loading creates no folder and nothing is saved.
+TreeOptions Reading(TreeOptions AOptions) {
     AOptions.ReadOnly = true;
-    return std::make_unique<TTreeSession>(AOptions);
+    return AOptions;
 }
 
 // Loads the whole tree for a reading verb. Without --path a plug-in that has no folder yet is an
 // empty tree (answers false, nothing loaded); a missing folder of --path raises.
-bool LoadTreeForReading(TDBDocAdmin& AAdmin, const TreeOptions& AOptions,
-                        std::vector<TDocDirectory*>* ADirectories = nullptr) {
-    try {
-        std::vector<TDocDirectory*> all = LoadWholeTree(AAdmin);
-        if (ADirectories) *ADirectories = std::move(all);
-        return true;
-    } catch (const EDocAdminFolderNotFound&) {
-        if (!AOptions.Path.empty()) throw;
-        return false;
-    }
+bool LoadTreeForReading(TTreeSession& ASession, const TreeOptions& AOptions) {
+    return ASession.Tools().Do_LoadWholeTree(&ASession.Root(), AOptions.Path.empty());
 }
+
+// Clears the tree's events when a verb's scope ends, since they refer to its locals.
+struct TEventsGuard {
+    TTreeSession& Session;
+    explicit TEventsGuard(TTreeSession& ASession, const TDocAdminToolEvents& AEvents)
+        : Session(ASession) {
+        Session.Tools().Do_SetEvents(&Session.Root(), AEvents);
+    }
+    ~TEventsGuard() {
+        try {
+            Session.Tools().Do_SetEvents(&Session.Root(), {});
+        } catch (...) {  // the tree goes with the session; nothing calls the events then
+        }
+    }
+};
 
 std::int32_t ParseID(const std::string& AText) {
     std::size_t used = 0;
@@ -136,7 +129,6 @@ struct ImportOptions {
 };
 
 void RunImport(const ImportOptions& o) {
-    CheckUserPath(o.Tree.Path, "--path");
     std::error_code ec;
     const fs::file_status status = fs::status(o.Dir, ec);
     if (!fs::exists(status)) throw Exception("Folder '" + o.Dir + "' not found!");
@@ -150,57 +142,52 @@ void RunImport(const ImportOptions& o) {
         dirName.pop_back();
     const std::size_t total = CountFiles(dirName);
 
-    TTreeSession session(o.Tree);
-    TDBDocAdmin& admin = session.Admin();
-    session.ResolveRootForWriting();
-    admin.SetImportFollowLinks(o.FollowLinks);
-    std::size_t skipped = 0;
-    admin.OnImportSkipped = [&](TObject*, const std::string& APath, const std::string& AReason) {
-        ++skipped;
-        std::cerr << "docadmin: skipped " << PrintableText(APath) << ": " << PrintableText(AReason)
-                  << "\n";
-    };
-    // The local store flushes all files of a batch in one go before its commit instead of one by
-    // one.
-    auto* local = dynamic_cast<TDocFileLoaderLocFile*>(admin.DocFileLoader());
-    if (local != nullptr) local->SetDeferFlush(true);
-    // Rows are committed in batches: each batch's files are stored first with no transaction
-    // open, then its rows are written in a short transaction, so that other writers wait for a
-    // batch's rows at most, never for the whole import.
-    admin.SetSaveBatching(
-        ImportBatchSize,
-        [&] {
-            if (local != nullptr) local->FlushUploads();  // durable before any row names them
-            session.BeginTransaction();
-        },
-        [&] { session.Commit(); }, [&] { session.Rollback(); });
-    TerminalProgress progress("import", total >= ProgressThreshold);
-    std::size_t saved = 0;
-    try {
-        admin.ImportDirectory(dirName, nullptr);
-        admin.OnChangeDocumentState = [&](TObject*, TDocument*, TChangeState APrev) {
-            if (APrev != chAdded) return;
+    RunTreeVerb(o.Tree, [&](TTreeSession& session) {
+        IDirectoryRoot& root = session.Root();
+        IDocAdminTools& tools = session.Tools();
+        session.ResolveRootForWriting();
+        // Rows are committed in batches: each batch's files are stored first with no transaction
+        // open, then its rows are written in a short transaction, so that other writers wait for
+        // a batch's rows at most, never for the whole import.
+        tools.Do_SetImportOptions(&root, o.FollowLinks, ImportBatchSize);
+        TerminalProgress progress("import", total >= ProgressThreshold);
+        std::size_t skipped = 0;
+        std::size_t saved = 0;
+        TDocAdminToolEvents events;
+        events.OnImportSkipped = [&](const std::string& APath, const std::string& AReason) {
+            ++skipped;
+            std::cerr << "docadmin: skipped " << PrintableText(APath) << ": "
+                      << PrintableText(AReason) << "\n";
+        };
+        events.OnDocumentStored = [&] {
             ++saved;
             if (total > 0) progress.Update(100.0 * static_cast<double>(saved) / total);
         };
-        admin.SaveChanges();
-        admin.OnChangeDocumentState = nullptr;
-    } catch (const std::exception& e) {
-        admin.OnChangeDocumentState = nullptr;
+        {
+            TEventsGuard guard(session, events);
+            try {
+                root.Do_ImportDirectory(nullptr, dirName);
+                root.Do_SaveChanges();
+            } catch (const std::exception& e) {
+                progress.Finish();
+                const std::size_t kept = tools.Get_CommittedDocuments(&root);
+                if (kept == 0) throw;
+                throw Exception(std::string(e.what()) + "\nThe import stopped after " +
+                                std::to_string(kept) + " of " + std::to_string(total) +
+                                " documents; those are stored.");
+            }
+        }
         progress.Finish();
-        const std::size_t kept = admin.CommittedDocuments();
-        if (kept == 0) throw;
-        throw Exception(std::string(e.what()) + "\nThe import stopped after " +
-                        std::to_string(kept) + " of " + std::to_string(total) +
-                        " documents; those are stored.");
-    }
-    progress.Finish();
-    TDocDirectory* root = admin.Directories();
-    std::int64_t folderID = -1;
-    for (TDocDirectory* d : root->ChildDirectoriesInMemory())
-        if (d->Titel() == NameFromFileSystem(ExtractDirName(dirName))) folderID = d->DirID();
-    std::cout << "imported " << saved << " documents from " << PrintableText(dirName)
-              << " into folder " << folderID << "; skipped " << skipped << " entries\n";
+        // The folder that the import made (or filled) at the top of the tree.
+        const std::string title = NameFromFileSystem(ExtractDirName(dirName));
+        std::int64_t folderID = -1;
+        for (std::int32_t i = 0; i < root.Get_RootDirectoryCount(); ++i) {
+            IPtr<IDirectory> d = root.Get_RootDirectory(i);
+            if (d->Get_Title() == title) folderID = d->Get_DirID();
+        }
+        std::cout << "imported " << saved << " documents from " << PrintableText(dirName)
+                  << " into folder " << folderID << "; skipped " << skipped << " entries\n";
+    });
 }
 
 // ---- ls
@@ -208,7 +195,6 @@ void RunImport(const ImportOptions& o) {
 struct ListOptions {
     TreeOptions Tree;
     bool Json = false;
-    std::string Where;
     bool CountQueries = false;
 };
 
@@ -218,72 +204,78 @@ struct TTotals {
     std::int64_t Bytes = 0;
 };
 
-json DirectoryJson(TDocDirectory* ADir, TTotals& ATotals) {
+// The listing of a directory; ADescend false for a tree that isn't there (nothing to load).
+json DirectoryJson(IDirectory& ADir, IDocAdminTools& ATools, bool ADescend, TTotals& ATotals) {
     json j;
-    j["id"] = ADir->DirID();
-    j["title"] = VisibleName(ADir->Titel());
+    j["id"] = ADir.Get_DirID();
+    j["title"] = VisibleName(ADir.Get_Title());
     json docs = json::array();
-    for (TDocument* d : ADir->DocumentsInMemory()) {
-        ++ATotals.Documents;
-        ATotals.Bytes += d->Size();
-        docs.push_back({{"id", d->DocID()},
-                        {"name", VisibleName(d->DocName())},
-                        {"size", d->Size()},
-                        {"version", FileVersionToStr(d->Version())},
-                        {"date", DateText(d->Date())},
-                        {"remote", d->RemoteFileName()}});
-    }
     json folders = json::array();
-    for (TDocDirectory* c : ADir->ChildDirectoriesInMemory()) {
-        ++ATotals.Folders;
-        folders.push_back(DirectoryJson(c, ATotals));
+    if (ADescend) {
+        for (std::int32_t i = 0; i < ADir.Get_DocumentCount(); ++i) {
+            IPtr<IDocument> d = ADir.Get_Document(i);
+            ++ATotals.Documents;
+            ATotals.Bytes += d->Get_Size();
+            docs.push_back({{"id", d->Get_DocID()},
+                            {"name", VisibleName(d->Get_DocName())},
+                            {"size", d->Get_Size()},
+                            {"version", d->Get_Version()},
+                            {"date", DateText(d->Get_Date())},
+                            {"remote", ATools.Get_RemoteFileName(d.get())}});
+        }
+        for (std::int32_t i = 0; i < ADir.Get_ChildDirectoryCount(); ++i) {
+            ++ATotals.Folders;
+            folders.push_back(DirectoryJson(*ADir.Get_ChildDirectory(i), ATools, true, ATotals));
+        }
     }
     j["folders"] = std::move(folders);
     j["documents"] = std::move(docs);
     return j;
 }
 
-void PrintDirectory(std::ostream& out, TDocDirectory* ADir, int ADepth, TTotals& ATotals) {
+void PrintDirectory(std::ostream& out, IDirectory& ADir, int ADepth, TTotals& ATotals) {
     const std::string indent(static_cast<std::size_t>(ADepth) * 2, ' ');
-    for (TDocument* d : ADir->DocumentsInMemory()) {
+    for (std::int32_t i = 0; i < ADir.Get_DocumentCount(); ++i) {
+        IPtr<IDocument> d = ADir.Get_Document(i);
         ++ATotals.Documents;
-        ATotals.Bytes += d->Size();
-        out << indent << ShownName(d->DocName()) << "  [" << d->DocID() << "]  " << d->Size()
-            << " bytes  v" << FileVersionToStr(d->Version()) << "  " << DateText(d->Date()) << "\n";
+        ATotals.Bytes += d->Get_Size();
+        out << indent << ShownName(d->Get_DocName()) << "  [" << d->Get_DocID() << "]  "
+            << d->Get_Size() << " bytes  v" << d->Get_Version() << "  " << DateText(d->Get_Date())
+            << "\n";
     }
-    for (TDocDirectory* c : ADir->ChildDirectoriesInMemory()) {
+    for (std::int32_t i = 0; i < ADir.Get_ChildDirectoryCount(); ++i) {
+        IPtr<IDirectory> c = ADir.Get_ChildDirectory(i);
         ++ATotals.Folders;
-        out << indent << ShownName(c->Titel()) << "/  [folder " << c->DirID() << "]\n";
-        PrintDirectory(out, c, ADepth + 1, ATotals);
+        out << indent << ShownName(c->Get_Title()) << "/  [folder " << c->Get_DirID() << "]\n";
+        PrintDirectory(out, *c, ADepth + 1, ATotals);
     }
 }
 
 void RunList(const ListOptions& o) {
-    auto sessionHolder = ReadingSession(o.Tree);
-    TTreeSession& session = *sessionHolder;
-    TDBDocAdmin& admin = session.Admin();
-    if (!o.Where.empty()) admin.ApplyParams(o.Where);
-    LoadTreeForReading(admin, o.Tree);
-    TDocDirectory* root = admin.Directories();
-    TTotals totals;
-    if (o.Json) {
-        json j;
-        j["plugin"] = admin.Plugin();
-        j["path"] = VisibleName(admin.RootDirectoryPath());
-        j["root"] = DirectoryJson(root, totals);
-        j["folders"] = totals.Folders;
-        j["documents"] = totals.Documents;
-        j["bytes"] = totals.Bytes;
-        std::cout << JsonText(j) << "\n";
-    } else {
-        std::cout << (admin.RootDirectoryPath().empty() ? std::string("(all)")
-                                                        : ShownName(admin.RootDirectoryPath()))
-                  << "  [folder " << root->DirID() << "]\n";
-        PrintDirectory(std::cout, root, 1, totals);
-        std::cout << totals.Folders << " folders, " << totals.Documents << " documents, "
-                  << totals.Bytes << " bytes\n";
-    }
-    if (o.CountQueries) std::cerr << "queries: " << session.StatementCount() << "\n";
+    RunTreeVerb(Reading(o.Tree), [&](TTreeSession& session) {
+        const bool loaded = LoadTreeForReading(session, o.Tree);
+        IPtr<IDirectory> root = session.Root().Get_RootDir();
+        const TDocAdminTreeAddress& address = session.Address();
+        TTotals totals;
+        if (o.Json) {
+            json j;
+            j["plugin"] = address.Plugin;
+            j["path"] = VisibleName(address.RootDirectoryPath);
+            j["root"] = DirectoryJson(*root, session.Tools(), loaded, totals);
+            j["folders"] = totals.Folders;
+            j["documents"] = totals.Documents;
+            j["bytes"] = totals.Bytes;
+            std::cout << JsonText(j) << "\n";
+        } else {
+            std::cout << (address.RootDirectoryPath.empty() ? std::string("(all)")
+                                                            : ShownName(address.RootDirectoryPath))
+                      << "  [folder " << root->Get_DirID() << "]\n";
+            if (loaded) PrintDirectory(std::cout, *root, 1, totals);
+            std::cout << totals.Folders << " folders, " << totals.Documents << " documents, "
+                      << totals.Bytes << " bytes\n";
+        }
+        if (o.CountQueries) std::cerr << "queries: " << session.StatementCount() << "\n";
+    });
 }
 
 // ---- get
@@ -296,35 +288,31 @@ struct GetOptions {
 
 void RunGet(const GetOptions& o) {
     const std::int32_t id = ParseID(o.ID);
-    auto session = ReadingSession(o.Tree);
-    TDBDocAdmin& admin = session->Admin();
-    std::string dest = o.Dest;
-    std::string shown = o.Dest;
-    std::error_code ec;
-    TDirHandle folder;
-    if (fs::is_directory(dest, ec)) {
-        // Into a folder under the document's name: one entry of that folder, whatever the row
-        // says, and never through a link that stands there.
+    RunTreeVerb(Reading(o.Tree), [&](TTreeSession& session) {
+        std::string dest = o.Dest;
+        std::string shown = o.Dest;
+        std::error_code ec;
+        TDirHandle folder;
+        if (fs::is_directory(dest, ec)) {
+            // Into a folder under the document's name: one entry of that folder, whatever the
+            // row says, and never through a link that stands there.
+            const std::string name = session.Tools().Get_DocumentVersions(id).Current.DocName;
+            folder = TDirHandle::Open(dest);
+            const std::string file = SafeFileName(name);
+            shown = IncludeTrailingDirSeparator(o.Dest) + file;
+            struct stat st {};
+            if (::fstatat(folder.Handle(), file.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+                !S_ISREG(st.st_mode))
+                throw Exception("'" + shown + "' exists and is " +
+                                (S_ISLNK(st.st_mode) ? "a symbolic link; it is not written through"
+                                                     : "no file"));
+            dest = folder.EntryPath(file);
+            if (dest.empty()) dest = shown;
+        }
         std::string name;
-        TDateTime date = 0;
-        if (admin.GetDocumentFileInfo(id, name, date, false).empty())
-            throw EDocAdminFileNotFoundInRepository("File with ID '" + std::to_string(id) +
-                                                    "' not found in repository!");
-        folder = TDirHandle::Open(dest);
-        const std::string file = SafeFileName(name);
-        shown = IncludeTrailingDirSeparator(o.Dest) + file;
-        struct stat st {};
-        if (::fstatat(folder.Handle(), file.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
-            !S_ISREG(st.st_mode))
-            throw Exception(
-                "'" + shown + "' exists and is " +
-                (S_ISLNK(st.st_mode) ? "a symbolic link; it is not written through" : "no file"));
-        dest = folder.EntryPath(file);
-        if (dest.empty()) dest = shown;
-    }
-    std::string name;
-    admin.DownloadFile(id, dest, name);
-    std::cout << PrintableText(shown) << "\n";
+        session.Root().Do_DownloadFileByID(id, dest, name);
+        std::cout << PrintableText(shown) << "\n";
+    });
 }
 
 // ---- export
@@ -338,27 +326,28 @@ struct ExportOptions {
 };
 
 void RunExport(const ExportOptions& o) {
-    auto session = ReadingSession(o.Tree);
-    TDBDocAdmin& admin = session->Admin();
-    std::vector<TDocDirectory*> dirs;
-    if (!LoadTreeForReading(admin, o.Tree, &dirs)) {
-        std::cout << "exported 0 documents to " << PrintableText(o.Dest) << "\n";
-        return;
-    }
-    std::int64_t total = 0;
-    for (TDocDirectory* d : dirs)
-        total += static_cast<std::int64_t>(d->DocumentsInMemory().size());
-    TerminalProgress progress("export", total >= static_cast<std::int64_t>(ProgressThreshold));
-    std::int64_t done = 0;
-    admin.OnDownloadDocumentDone = [&](TObject*) {
-        ++done;
-        if (total > 0) progress.Update(100.0 * static_cast<double>(done) / total);
-    };
-    fs::create_directories(o.Dest);
-    admin.ExportDirectory(o.Dest, nullptr, o.ContinueOnMissing, o.Files, o.Dirs);
-    admin.OnDownloadDocumentDone = nullptr;
-    progress.Finish();
-    std::cout << "exported " << done << " documents to " << PrintableText(o.Dest) << "\n";
+    RunTreeVerb(Reading(o.Tree), [&](TTreeSession& session) {
+        if (!LoadTreeForReading(session, o.Tree)) {
+            std::cout << "exported 0 documents to " << PrintableText(o.Dest) << "\n";
+            return;
+        }
+        const std::int64_t total = CountDocuments(*session.Root().Get_RootDir());
+        TerminalProgress progress("export", total >= static_cast<std::int64_t>(ProgressThreshold));
+        std::int64_t done = 0;
+        TDocAdminToolEvents events;
+        events.OnDocumentDownloaded = [&] {
+            ++done;
+            if (total > 0) progress.Update(100.0 * static_cast<double>(done) / total);
+        };
+        {
+            TEventsGuard guard(session, events);
+            fs::create_directories(o.Dest);
+            session.Root().Do_ExportDirectory(nullptr, o.Dest, o.ContinueOnMissing, o.Files,
+                                              o.Dirs);
+        }
+        progress.Finish();
+        std::cout << "exported " << done << " documents to " << PrintableText(o.Dest) << "\n";
+    });
 }
 
 // ---- replace, rm, mkdir
@@ -374,9 +363,9 @@ void RunReplace(const ReplaceOptions& o) {
     const std::int32_t id = ParseID(o.ID);
     std::error_code ec;
     if (!fs::is_regular_file(o.File, ec)) throw EFOpenError("File '" + o.File + "' not found!");
-    TTreeSession session(o.Tree);
-    session.Admin().ReplaceFile(static_cast<std::int64_t>(id), o.File, false,
-                                o.NoArchive ? ramNoArchive : ramDefault);
+    RunTreeVerb(o.Tree, [&](TTreeSession& session) {
+        session.Root().Do_ReplaceFileByID(id, o.File, o.NoArchive ? ramNoArchive : ramDefault);
+    });
     std::cout << "replaced document " << id << (o.NoArchive ? "" : "; the old version is archived")
               << "\n";
 }
@@ -388,8 +377,7 @@ struct RemoveOptions {
 
 void RunRemove(const RemoveOptions& o) {
     const std::int32_t id = ParseID(o.ID);
-    TTreeSession session(o.Tree);
-    session.Admin().DeleteDocument(id);
+    RunTreeVerb(o.Tree, [&](TTreeSession& session) { session.Root().Do_DeleteDocumentByID(id); });
     std::cout << "removed document " << id << "\n";
 }
 
@@ -399,23 +387,27 @@ struct MkdirOptions {
 };
 
 void RunMkdir(const MkdirOptions& o) {
-    CheckUserPath(o.Tree.Path, "--path");
-    CheckUserPath(o.Path, "mkdir");
     if (o.Path.empty()) throw Exception("mkdir: no folder given");
-    TTreeSession session(o.Tree);
-    TDBDocAdmin& admin = session.Admin();
-    session.ResolveRootForWriting();
-    session.BeginTransaction();
-    TDocDirectory* dir = nullptr;
-    try {
-        dir = admin.CreateFolderStruct(nullptr, o.Path);
-        admin.SaveChanges();
-        session.Commit();
-    } catch (...) {
-        session.Rollback();
-        throw;
-    }
-    std::cout << ShownName(dir->Path()) << "  [folder " << dir->DirID() << "]\n";
+    RunTreeVerb(o.Tree, [&](TTreeSession& session) {
+        try {
+            session.Tools().Do_CheckFolderPath(o.Path);
+        } catch (const std::exception& e) {
+            throw Exception(std::string("mkdir: ") + e.what());
+        }
+        IDirectoryRoot& root = session.Root();
+        session.ResolveRootForWriting();
+        session.BeginTransaction();
+        IPtr<IDirectory> dir;
+        try {
+            dir = root.Do_CreateFolderStruct(nullptr, o.Path);
+            root.Do_SaveChanges();
+            session.Commit();
+        } catch (...) {
+            session.Rollback();
+            throw;
+        }
+        std::cout << ShownName(FolderPath(dir.get())) << "  [folder " << dir->Get_DirID() << "]\n";
+    });
 }
 
 // ---- versions
@@ -426,50 +418,31 @@ struct VersionsOptions {
     bool Json = false;
 };
 
+json VersionJson(const TDocAdminVersion& v, bool AArchived) {
+    json j;
+    if (AArchived) j["archive_id"] = v.ArchiveID;
+    j["name"] = VisibleName(v.DocName);
+    j["version"] = v.Version;
+    j["size"] = v.Size;
+    j["date"] = DateText(v.Date);
+    j["remote"] = v.RemoteFileName;
+    if (AArchived) {
+        j["stored"] = DateText(v.StoredDate);
+        j["stored_by"] = v.StoredBy;
+        j["archived"] = DateText(v.ArchivedDate);
+    }
+    return j;
+}
+
 void RunVersions(const VersionsOptions& o) {
     const std::int32_t id = ParseID(o.ID);
-    auto session = ReadingSession(o.Tree);
-    IDBInterface* db = session->Host().GetDBInterface();
-
-    TKRRecordSet current(nullptr, db);
-    current.SetSchemaName("docadmindocs");
-    for (const char* f : {"docname", "flversion", "flsize", "fldate", "fllocname"})
-        current.GetSelectFields()->Add(f);
-    current.GetFilters()->AddFilter("id", TVariant(static_cast<long long>(id)));
-    current.Open();
-    if (current.GetRecordCount() == 0)
-        throw EDocAdminFileNotFoundInRepository("File with ID '" + std::to_string(id) +
-                                                "' not found in repository!");
-
-    TKRRecordSet archive(nullptr, db);
-    archive.SetSchemaName("docadmin_docarchive");
-    for (const char* f : {"docname", "flversion", "flsize", "fldate", "fllocname", "origcreadate",
-                          "origcreaid", "creadate"})
-        archive.GetSelectFields()->Add(f);
-    archive.GetSelectFieldOptions("origcreaid").DisableLookupValueLoading = true;
-    archive.GetFilters()->AddFilter("docadmindocid", TVariant(static_cast<long long>(id)));
-    archive.GetOrderFields()->SetOrder("id");
-    archive.Open();
-
-    auto row = [](TKRRecordSet& rs, int r, bool archived) {
-        json j;
-        if (archived) j["archive_id"] = rs.GetDBIDByRecNo(r);
-        j["name"] = VisibleName(rs.ValueByName(r, "docname").GetAsString());
-        j["version"] = rs.ValueByName(r, "flversion").GetAsString();
-        j["size"] = rs.ValueByName(r, "flsize").GetAsInteger();
-        j["date"] = DateText(rs.ValueByName(r, "fldate").GetAsFloat());
-        j["remote"] = rs.ValueByName(r, "fllocname").GetAsString();
-        if (archived) {
-            j["stored"] = DateText(rs.ValueByName(r, "origcreadate").GetAsFloat());
-            j["stored_by"] = rs.ValueByName(r, "origcreaid").GetAsInteger();
-            j["archived"] = DateText(rs.ValueByName(r, "creadate").GetAsFloat());
-        }
-        return j;
-    };
+    TDocAdminVersions history;
+    RunTreeVerb(Reading(o.Tree),
+                [&](TTreeSession& session) { history = session.Tools().Get_DocumentVersions(id); });
     json versions = json::array();
-    for (int r = 0; r < archive.GetRecordCount(); ++r)
-        versions.push_back(row(archive, r, true));
-    const json now = row(current, 0, false);
+    for (const TDocAdminVersion& v : history.Archived)
+        versions.push_back(VersionJson(v, true));
+    const json now = VersionJson(history.Current, false);
 
     if (o.Json) {
         json j;
@@ -516,7 +489,7 @@ auto listOpts = std::make_shared<ListOptions>();
 auto* ls = app.add_subcommand(
     "ls", "List the tree: folders, documents with ids, sizes and versions. " + treeNote);
 ls->add_flag("--json", listOpts->Json, "print JSON");
-ls->add_option("--where", listOpts->Where,
+ls->add_option("--where", listOpts->Tree.Where,
                "only documents matching a where-text, e.g. \"docname like '%.pdf'\"");
 ls->add_flag("--count-queries", listOpts->CountQueries,
              "print the number of database queries to stderr");

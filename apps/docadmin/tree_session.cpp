@@ -2,10 +2,54 @@
 
 #include "_DBBackend.h"
 #include "_Dialogs.h"
-#include "_DocFileLoaderChoice.h"
+#include "_HostLog.h"
 #include "_Tools.h"
 
 namespace docadmin::app {
+
+namespace {
+
+// Runs AWork; what it raises goes on as the host's Exception with the same text (the program's
+// own exits as they are), so that no exception object of the module outlives the module.
+void PassModuleExceptions(const std::function<void()>& AWork) {
+    try {
+        AWork();
+    } catch (const CLI::Error&) {
+        throw;
+    } catch (const std::exception& e) {
+        throw Exception(e.what());
+    }
+}
+
+}  // namespace
+
+TModuleSession::TModuleSession(const HostOptions& AOptions, std::uint8_t ARunMode) {
+    // A failed upload in a save asks the person at the terminal (Abort, Retry, Ignore); without
+    // a terminal the answer is Abort.
+    SetMessageDlgAnswerer(&TerminalMessageDlgAnswerer);
+    FHost = OpenHost(AOptions, ARunMode);
+    // A verb's output is its own: the host's log speaks only of what goes wrong.
+    HostLog()->set_level(spdlog::level::warn);
+    FHost->LoadPlugins();
+    void* p = nullptr;
+    if (FHost->Plugins().GetExtFuncInterface(DocAdminPluginGUID, IExtFuncPluginDocAdmin::IID, &p))
+        FDocAdmin = IPtr<IExtFuncPluginDocAdmin>::Adopt(static_cast<IExtFuncPluginDocAdmin*>(p));
+    if (FDocAdmin && Supports(FDocAdmin.get(), FTools)) return;
+    FDocAdmin.reset();
+    std::string reasons;
+    for (const TPluginInfo& info : FHost->Plugins().Plugins())
+        if (!info.Loaded) reasons += (reasons.empty() ? " " : "; ") + info.Path + ": " + info.Error;
+    throw Exception("The document module " + DocAdminPluginGUID +
+                    " is not loaded from the plug-in folder '" + FHost->Config().PluginDir() +
+                    "' ([host] plugin_dir or DOCADMIN_PLUGIN_DIR)" +
+                    (reasons.empty() ? std::string() : "; plug-ins that failed:" + reasons));
+}
+
+TModuleSession::~TModuleSession() {
+    FTools.reset();
+    FDocAdmin.reset();
+    FHost->UnloadPlugins();
+}
 
 void AddTreeOptions(CLI::App* app, TreeOptions& options) {
     AddHostOptions(app, options.Host);
@@ -19,45 +63,26 @@ void AddTreeOptions(CLI::App* app, TreeOptions& options) {
                     "record's folder is '\"<table>#Records\",\"<record UID>\"'");
 }
 
-TTreeAddress TreeAddress(const std::string& APlugin, const std::string& ABaseDirectory) {
-    if (APlugin.empty()) return {GlobalPluginGUID, ABaseDirectory};
-    if (APlugin == AllPluginsGUID || APlugin == GlobalPluginGUID) return {APlugin, ABaseDirectory};
-    std::string path = "\"" + APlugin + "\"";
-    if (!ABaseDirectory.empty()) path += "," + ABaseDirectory;
-    return {APlugin, path};
-}
-
-TTreeSession::TTreeSession(const TreeOptions& AOptions) {
+TTreeSession::TTreeSession(TModuleSession& AModule, const TreeOptions& AOptions)
+    : FModule(AModule) {
     if (!AOptions.Plugin.empty() && !IsGuid(AOptions.Plugin))
         throw Exception("--plugin: \"" + AOptions.Plugin + "\" is no GUID in braces");
-    // A failed upload in a save asks the person at the terminal (Abort, Retry, Ignore); without
-    // a terminal the answer is Abort.
-    SetMessageDlgAnswerer(&TerminalMessageDlgAnswerer);
-    FHost = OpenHost(AOptions.Host);
+    try {
+        Tools().Do_CheckFolderPath(AOptions.Path);
+    } catch (const std::exception& e) {
+        throw Exception(std::string("--path: ") + e.what());
+    }
+    FRoot = AModule.DocAdmin().Get_DirectoryRoot(AOptions.Plugin, AOptions.Path, false, 0, false);
+    FAddress = Tools().Do_SetupTree(FRoot.get(), AOptions.ReadOnly, AOptions.Where);
     FStatementsAtOpen = DBStatementCount();
-
-    const TTreeAddress address = TreeAddress(AOptions.Plugin, AOptions.Path);
-    FAdmin = std::make_unique<TDBDocAdmin>(nullptr);
-    FAdmin->SetDocFileLoader(CreateConfiguredDocFileLoader(FHost.get(), false).release());
-    FAdmin->SetPlugin(address.Plugin);
-    FAdmin->SetRootDirectoryPath(address.RootDirectoryPath);
-    FAdmin->SetAllwaysLoadGlobal(false);
-    FAdmin->SetMainInterface(FHost.get());
-    FAdmin->SetUserAccess(FHost->GetUserAccess());
-    FAdmin->SetPluginGUID(DocAdminModuleGUID);
-    FAdmin->SetUniqueFolderCache(&FUniqueFolderCache);
-    FAdmin->SetAutoSave(false);
-    FAdmin->SetReadOnly(AOptions.ReadOnly);
 }
 
 TTreeSession::~TTreeSession() {
-    if (FTransaction != 0) {
-        try {
-            Rollback();
-        } catch (...) {  // the process ends anyway; the database drops the transaction
-        }
+    try {
+        Tools().Do_RollbackTransaction(FRoot.get());
+    } catch (...) {  // the process ends anyway; the database drops the transaction
     }
-    FAdmin.reset();
+    FRoot.reset();
 }
 
 std::uint64_t TTreeSession::StatementCount() const {
@@ -65,43 +90,32 @@ std::uint64_t TTreeSession::StatementCount() const {
 }
 
 void TTreeSession::ResolveRootForWriting() {
-    // An arbitrary key of this program's own: the advisory lock of folder creation.
-    constexpr long long kRootLockKey = 0x446F63526F6F7473;  // "DocRoots"
-    BeginTransaction();
-    try {
-        IDBInterface* db = FHost->GetDBInterface();
-        if (db->GetBackendKind() == TDBBackendKind::bkPostgreSQL)
-            db->AcquireConnection(FTransaction)
-                ->ExecDirect("SELECT pg_advisory_xact_lock(" + std::to_string(kRootLockKey) + ")");
-        FAdmin->Directories()->ChildDirectoryCount();
-        Commit();
-    } catch (...) {
-        Rollback();
-        throw;
-    }
+    Tools().Do_ResolveRootForWriting(FRoot.get());
 }
 
 void TTreeSession::BeginTransaction() {
-    Assert(FTransaction == 0, "TTreeSession: a transaction is already open");
-    FTransaction = FHost->GetDBInterface()->BeginTransaction();
-    FAdmin->SetDBATransactionID(FTransaction);
+    Tools().Do_BeginTransaction(FRoot.get());
 }
 
 void TTreeSession::Commit() {
-    const std::int64_t id = FTransaction;
-    FTransaction = 0;
-    FAdmin->SetDBATransactionID(0);
-    FHost->GetDBInterface()->CommitTransaction(id);
-    // Files that the committed rows no longer name.
-    FAdmin->RemovePendingFiles();
+    Tools().Do_CommitTransaction(FRoot.get());
 }
 
 void TTreeSession::Rollback() {
-    const std::int64_t id = FTransaction;
-    FTransaction = 0;
-    FAdmin->SetDBATransactionID(0);
-    FAdmin->DiscardPendingFileRemovals();
-    FHost->GetDBInterface()->RollbackTransaction(id);
+    Tools().Do_RollbackTransaction(FRoot.get());
+}
+
+void RunWithModule(const HostOptions& AOptions, const std::function<void(TModuleSession&)>& AWork) {
+    TModuleSession module(AOptions);
+    PassModuleExceptions([&] { AWork(module); });
+}
+
+void RunTreeVerb(const TreeOptions& AOptions, const std::function<void(TTreeSession&)>& AVerb) {
+    TModuleSession module(AOptions.Host);
+    PassModuleExceptions([&] {
+        TTreeSession tree(module, AOptions);
+        AVerb(tree);
+    });
 }
 
 }  // namespace docadmin::app

@@ -1,90 +1,110 @@
-// A document tree for a verb: the host from --config, the configured file store and a
-// TDBDocAdmin on the tree that --plugin and --path name.
+// The document module for a verb, and a document tree through it.
+//
+// TModuleSession opens the host from --config, loads the plug-ins of the configured folder
+// ([host] plugin_dir, DOCADMIN_PLUGIN_DIR, else the module that the build made) and finds the
+// document module among them: its IExtFuncPluginDocAdmin and IDocAdminTools. The program links no
+// tree, store or container code for this: everything goes through the module's interfaces.
+//
+// TTreeSession is a tree handle of the module (IDirectoryRoot) on the tree that --plugin and
+// --path name, set up for a tool: it saves only when the verb says so. A transaction begun here
+// is the tree's, so that everything the tree writes, root folders included, joins it; a session
+// that ends with its transaction still open rolls it back.
 //
 //     TreeOptions opts;
 //     AddTreeOptions(cmd, opts);
 //     cmd->callback([&opts] {
-//         TTreeSession s(opts);
-//         s.BeginTransaction();
-//         ... s.Admin() ...
-//         s.Commit();
+//         RunTreeVerb(opts, [&](TTreeSession& s) {
+//             s.BeginTransaction();
+//             ... s.Root() ...
+//             s.Commit();
+//         });
 //     });
 //
-// The tree is found as the repository finds it: RootDirectoryPath is the quoted plug-in GUID, a
-// comma and --path; for the two selector GUIDs (all plug-ins, global tree) --path alone. The
-// administrator doesn't save by itself (AutoSave off); a verb calls SaveChanges.
-//
-// A transaction begun here is the administrator's DBATransactionID, so that everything the tree
-// writes, root folders included, joins it. A session that ends with its transaction still open
-// rolls it back. One thread uses a session.
+// Exceptions that the module raises are objects of its code, which goes when the plug-ins are
+// unloaded: RunTreeVerb and RunWithModule pass them on as the host's Exception with the same text
+// before the session ends. One thread uses a session.
 #pragma once
 
 #include <CLI/CLI.hpp>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
-#include "_TDBDocAdmin.h"
+#include "_DocAdminIntf.h"
+#include "_DocAdminToolsIntf.h"
 #include "_THost.h"
-#include "_TUniqueFolderCache.h"
 #include "host_options.h"
 
 namespace docadmin::app {
 
 // The command-line tool's own tree, the default of --plugin.
 inline const std::string CommandLineTreeGUID = "{5E0C7A3D-2B9F-4C61-8D47-A1F3E6B20C95}";
-// The document module's plug-in GUID, under which the tree's statements run.
-inline const std::string DocAdminModuleGUID = "{DBAE1129-670F-45DA-8489-6D64A3429BBF}";
+
+class TModuleSession {
+  public:
+    // Raises, naming the plug-in folder, when the module isn't among the loaded plug-ins.
+    explicit TModuleSession(const HostOptions& AOptions, std::uint8_t ARunMode = rmTool);
+    // Drops the module's interfaces, then unloads the plug-ins.
+    ~TModuleSession();
+    TModuleSession(const TModuleSession&) = delete;
+    TModuleSession& operator=(const TModuleSession&) = delete;
+
+    THost& Host() { return *FHost; }
+    IExtFuncPluginDocAdmin& DocAdmin() { return *FDocAdmin; }
+    IDocAdminTools& Tools() { return *FTools; }
+
+  private:
+    std::unique_ptr<THost> FHost;
+    IPtr<IExtFuncPluginDocAdmin> FDocAdmin;
+    IPtr<IDocAdminTools> FTools;
+};
 
 struct TreeOptions {
     HostOptions Host;
     std::string Plugin = CommandLineTreeGUID;
     std::string Path;
-    // A reading verb: loading the tree creates no missing folder (see TBaseDocAdmin::ReadOnly).
+    // A reading verb: loading the tree creates no missing folder.
     bool ReadOnly = false;
+    // A where-text on the documents; empty for all.
+    std::string Where;
 };
 
 void AddTreeOptions(CLI::App* app, TreeOptions& options);
 
-// The RootDirectoryPath of a plug-in's tree below ABaseDirectory, and the plug-in value that the
-// administrator gets (an empty plug-in means the global tree).
-struct TTreeAddress {
-    std::string Plugin;
-    std::string RootDirectoryPath;
-};
-TTreeAddress TreeAddress(const std::string& APlugin, const std::string& ABaseDirectory);
-
 class TTreeSession {
   public:
-    // Opens host, store and administrator; the tree itself loads on first use. Raises for a
-    // --plugin that isn't a GUID text in braces.
-    explicit TTreeSession(const TreeOptions& AOptions);
+    // Checks --plugin and --path and makes the tree handle; the tree loads on first use.
+    TTreeSession(TModuleSession& AModule, const TreeOptions& AOptions);
     ~TTreeSession();
     TTreeSession(const TTreeSession&) = delete;
     TTreeSession& operator=(const TTreeSession&) = delete;
 
-    THost& Host() { return *FHost; }
-    TDBDocAdmin& Admin() { return *FAdmin; }
-    // Statements run on the database since the session was opened (the opening itself not
-    // counted).
+    IDirectoryRoot& Root() { return *FRoot; }
+    IDocAdminTools& Tools() { return FModule.Tools(); }
+    // The plug-in value and the root folder path that the module made of --plugin and --path.
+    const TDocAdminTreeAddress& Address() const { return FAddress; }
+    // Statements run on the database since the tree was set up.
     std::uint64_t StatementCount() const;
 
-    // For writing verbs: finds the tree's folder path, creating what is missing, while holding
-    // the database's write lock (SQLite) or an advisory lock (PostgreSQL), so that several
-    // processes starting at once make each folder once.
+    // For writing verbs: finds the tree's folder path, creating what is missing, under the
+    // database's write lock (see IDocAdminTools::Do_ResolveRootForWriting).
     void ResolveRootForWriting();
     void BeginTransaction();
     void Commit();
     void Rollback();
-    bool InTransaction() const { return FTransaction != 0; }
 
   private:
-    std::unique_ptr<THost> FHost;
-    TUniqueFolderCache FUniqueFolderCache;
-    std::unique_ptr<TDBDocAdmin> FAdmin;
-    std::int64_t FTransaction = 0;
+    TModuleSession& FModule;
+    IPtr<IDirectoryRoot> FRoot;
+    TDocAdminTreeAddress FAddress;
     std::uint64_t FStatementsAtOpen = 0;
 };
+
+// Runs AWork with the module loaded; see the file comment for what it raises.
+void RunWithModule(const HostOptions& AOptions, const std::function<void(TModuleSession&)>& AWork);
+// Runs AVerb on a tree session of AOptions; see the file comment for what it raises.
+void RunTreeVerb(const TreeOptions& AOptions, const std::function<void(TTreeSession&)>& AVerb);
 
 }  // namespace docadmin::app

@@ -170,6 +170,10 @@ HRESULT TdmDocAdminMain::QueryInterface(const TGUID& iid, void** obj) {
         *obj = RessourceSource();
         return S_OK;
     }
+    if (iid == IDocAdminTools::IID) {
+        *obj = &FTools;
+        return S_OK;
+    }
     *obj = nullptr;
     return E_NOINTERFACE;
 }

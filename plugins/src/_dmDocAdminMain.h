@@ -11,6 +11,8 @@
 // it); QueryInterface on either answers both. The object lives as long as the module; references
 // to it don't count.
 //
+// The administrator's tools (IDocAdminTools) are a part object of the same kind.
+//
 // The module is a server build without forms: the dialog operations answer false and leave their
 // outputs alone, and showing a folder does nothing.
 //
@@ -24,6 +26,7 @@
 #include <vector>
 
 #include "_DocAdminIntf.h"
+#include "_DocAdminTools.h"
 #include "_PluginBase.h"
 #include "_TKRACLDataTableController.h"
 #include "_TKRSQLDeleteNotifyListener.h"
@@ -203,6 +206,7 @@ class TdmDocAdminMain : public TPluginBaseDataModule, public IExtFuncPluginDocAd
     TVTLBIAPIClient* FVTLBIAPIClient = nullptr;
     std::vector<IPtr<IRessourceSourceNotify>> FRessourceSourceNotifyList;
     TRessourceSourcePart FRessourceSource{*this};
+    TDocAdminTools FTools{static_cast<IExtFuncPluginDocAdmin&>(*this)};
 };
 
 }  // namespace docadmin

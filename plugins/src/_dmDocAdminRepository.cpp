@@ -159,8 +159,13 @@ bool TdmDocAdminRepository::UpdateDocumentWithID(std::int64_t ADocumentID,
                                         AddToArchive, false);
 }
 
-void TdmDocAdminRepository::DeleteDeadLinkPluginDocuments(bool AProcessExistingPluginsOnly) {
+void TdmDocAdminRepository::DeleteDeadLinkPluginDocuments(bool AProcessExistingPluginsOnly,
+                                                          std::vector<std::string>* ARemoved) {
     std::unique_ptr<TBaseDocAdmin> admin = CreateDocAdmin(AllPluginsGUID, {}, false, {});
+    const auto remove = [&](TDocDirectory* ADir) {
+        if (ARemoved) ARemoved->push_back(ADir->Path());
+        admin->DeleteDirectory(ADir);
+    };
     IDBFieldSchema* catalogue = GetDBFieldSchema();
     TDocDirectoryRoot* root = admin->Directories();
     for (std::int32_t p = 0; p < root->ChildDirectoryCount(); ++p) {
@@ -182,7 +187,7 @@ void TdmDocAdminRepository::DeleteDeadLinkPluginDocuments(bool AProcessExistingP
             for (std::int32_t i = recordsDir->ChildDirectoryCount() - 1; i >= 0; --i) {
                 TDocDirectory* recordDir = recordsDir->GetChildDirectorys(i);
                 if (!IsGuid(recordDir->Titel())) {
-                    admin->DeleteDirectory(recordDir);
+                    remove(recordDir);
                     continue;
                 }
                 if (!records && tableKnown) {
@@ -202,7 +207,7 @@ void TdmDocAdminRepository::DeleteDeadLinkPluginDocuments(bool AProcessExistingP
                 const int column = records->GetFieldIndex("globalrecuid");
                 // Record UIDs are GUID texts; their case carries no meaning.
                 if (records->FindLocalRecord(column, TVariant(recordDir->Titel()), true) < 0)
-                    admin->DeleteDirectory(recordDir);
+                    remove(recordDir);
             }
         }
     }

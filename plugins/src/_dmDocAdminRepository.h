@@ -80,7 +80,9 @@ class TdmDocAdminRepository : public TPluginBaseDataModule {
     // Removes the folders of records that no longer exist, below every plug-in folder whose
     // title is a GUID (with AProcessExistingPluginsOnly only those of loaded plug-ins), and
     // saves. Record root folders of tables the schema catalogue doesn't know are left alone.
-    void DeleteDeadLinkPluginDocuments(bool AProcessExistingPluginsOnly);
+    // ARemoved, when given, gets the path of every folder removed.
+    void DeleteDeadLinkPluginDocuments(bool AProcessExistingPluginsOnly,
+                                       std::vector<std::string>* ARemoved = nullptr);
 
     // ---- Host services
 

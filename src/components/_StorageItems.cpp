@@ -222,6 +222,11 @@ void TDocDirectory::CheckDocumentsLoaded() {
     if (FLoadingState.Contains(lsDocumentsLoaded) || FChangeState == chAdded) return;
     TBaseDocAdmin* admin = DocAdmin();
     if (!admin || admin->SaveUpdateCount() != 0) return;
+    // A root becomes its folder when it is first read; until then it has no documents of its own.
+    if (!FLoadingState.Contains(lsRootDirectoryLoaded) && dynamic_cast<TDocDirectoryRoot*>(this)) {
+        CheckChildDirectoriesLoaded();
+        if (FLoadingState.Contains(lsDocumentsLoaded)) return;
+    }
     admin->LoadFilesForDirectory({this});
 }
 

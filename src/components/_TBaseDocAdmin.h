@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "_DocAdminIntf.h"
 #include "_PluginIntf.h"
 #include "_RecordFlagsIntf.h"
 #include "_RessourceIntf.h"
@@ -32,9 +33,8 @@ namespace docadmin {
 
 class TUniqueFolderCache;
 
-// Plug-in GUIDs with a fixed meaning in an administrator's Plugin.
-inline const std::string AllPluginsGUID = "{3A3351B6-2371-42D8-AFDD-725670C9F106}";
-inline const std::string GlobalPluginGUID = "{7C539819-F913-47CF-8114-BAC3472A78D4}";
+// The plug-in GUIDs with a fixed meaning in an administrator's Plugin (AllPluginsGUID,
+// GlobalPluginGUID) come with the module's interfaces (_DocAdminIntf.h).
 
 // What the host asks of an object that works for a plug-in.
 class IPluginContextObject : public IInterface {

@@ -18,6 +18,10 @@ namespace docadmin {
 
 // The document module's plug-in GUID.
 inline const std::string DocAdminPluginGUID = "{DBAE1129-670F-45DA-8489-6D64A3429BBF}";
+// Plug-in texts with a fixed meaning where a tree is asked for: every plug-in's tree, and the
+// global tree only.
+inline const std::string AllPluginsGUID = "{3A3351B6-2371-42D8-AFDD-725670C9F106}";
+inline const std::string GlobalPluginGUID = "{7C539819-F913-47CF-8114-BAC3472A78D4}";
 
 // Extension functions: numbered functions a plug-in offers on records (context 1) and on whole
 // tables (context 2).

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The tree verbs of docadmin end to end: import, ls (text, --json, --where), get, export with
-# masks, replace with and without archive, versions, rm, mkdir, record folders and exit codes.
+# masks, replace with and without archive, versions, rm, mkdir, record folders, cleanup-dead-links,
+# a missing module and exit codes.
 # Runs in a private data folder with the built-in defaults (SQLite and the local store), or with
 # "postgresql" on a schema of its own in the test server named by DOCADMIN_PG_CONNINFO_FILE.
 #   tests/apps/tree_verbs_test.sh path/to/docadmin [sqlite|postgresql]
@@ -259,5 +260,33 @@ expect 1 "$bin" export hm2
 [[ $err == "docadmin: 'hm2/odd-followed' is a symbolic link; links are not followed" ]] ||
     fail "export through a folder link: $err"
 [[ -z $(ls victim-dir) ]] || fail "export wrote through a folder link"
+
+# ---- cleanup-dead-links: the folder of a record that is gone goes, that of a record that exists
+# stays; by default only the folders of loaded plug-ins (this tool's tree is none of them)
+kept_uid='{6A1B2C3D-4E5F-4071-8293-A4B5C6D7E8F9}'
+gone_uid='{7B2C3D4E-5F60-4182-93A4-B5C6D7E8F901}'
+sql "insert into contacts (name, globalrecuid) values ('kept', '$kept_uid')" || fail "sql contacts"
+for uid in "$kept_uid" "$gone_uid"; do
+    expect 0 "$bin" import sample/scans --path "\"contacts#Records\",\"$uid\""
+done
+expect 0 "$bin" cleanup-dead-links
+[[ $out == "removed 0 folder(s) of records that no longer exist" ]] || fail "cleanup: $out"
+expect 0 "$bin" cleanup-dead-links --all-plugins
+[[ $out == "removed \"{5E0C7A3D-2B9F-4C61-8D47-A1F3E6B20C95}\",\"contacts#Records\",\"$gone_uid\""$'\n'"removed 1 folder(s) of records that no longer exist" ]] ||
+    fail "cleanup --all-plugins: $out"
+expect 1 "$bin" ls --path "\"contacts#Records\",\"$gone_uid\""
+expect 0 "$bin" ls --json --path "\"contacts#Records\",\"$kept_uid\""
+[[ $(jq '.documents' <<<"$out") == 1 ]] || fail "the kept record's folder: $out"
+[[ $(jq -r '.root.folders[] | select(.title=="letters#Records") | .folders | length' <<<"$("$bin" ls --json)") == 1 ]] ||
+    fail "the folders of a table the database doesn't know were touched"
+
+# ---- without the module the tree verbs fail and say where they looked
+mkdir -p noplugins badplugins
+printf 'no library' >badplugins/libbroken.so
+expect 1 env DOCADMIN_PLUGIN_DIR="$work/noplugins" "$bin" ls
+[[ $err == "docadmin: The document module {DBAE1129-670F-45DA-8489-6D64A3429BBF} is not loaded from the plug-in folder '$work/noplugins' ([host] plugin_dir or DOCADMIN_PLUGIN_DIR)" ]] ||
+    fail "no module: $err"
+expect 1 env DOCADMIN_PLUGIN_DIR="$work/badplugins" "$bin" cleanup-dead-links
+[[ $err == *"plug-ins that failed:"*"$work/badplugins/libbroken.so: "* ]] || fail "broken plug-in: $err"
 
 finish "all checks passed"

@@ -232,6 +232,16 @@ TEST_P(DocAdminObjectTest, TheDocumentViewWorksThroughItsInterfaceAlone) {
     EXPECT_EQ(name, "");
 }
 
+TEST_P(DocAdminObjectTest, AHandleNotLoadedYetFindsItsFolderBeforeReadingItsDocuments) {
+    IPtr<IDirectoryRoot>(NewHandle(true, false).get())
+        ->Do_SaveDocument(nullptr, "a.txt", LocalFile("a.txt", "alpha"), 0);
+    IPtr<IDirectoryRoot> root(NewHandle(false, false).get());
+    IPtr<IDirectory> top = root->Get_RootDir();
+    ASSERT_EQ(top->Get_DocumentCount(), 1);
+    EXPECT_EQ(top->Get_Document(0)->Get_DocName(), "a.txt");
+    EXPECT_EQ(top->Get_Title(), kRecord1);
+}
+
 TEST_P(DocAdminObjectTest, WhatIsNoItemOfThisTreeRaisesAndChangesNothing) {
     IPtr<IDirectoryRoot> root(NewHandle(true, false).get());
     IPtr<IDirectoryRoot> other(NewHandle(true, false, true, kRecord2).get());

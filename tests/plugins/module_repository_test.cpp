@@ -2,6 +2,7 @@
 #include <atomic>
 
 #include "_DocAdminStorageUIDs.h"
+#include "_DocAdminToolsIntf.h"
 #include "_DocFileLoaderChoice.h"
 #include "_TDocFileLoaderLocFile.h"
 #include "plugin_fixtures.h"
@@ -276,7 +277,13 @@ TEST_P(Repository, DeadLinkCleanupRemovesFoldersOfVanishedRecordsOnly) {
     for (const char* name : {"gone.txt", "stray.txt"})
         EXPECT_EQ(RowCount("docadmindocs", "docname", TVariant(name)), 0) << name;
 
-    Repo().DeleteDeadLinkPluginDocuments(false);
+    // Every plug-in folder, through the tools' cleanup, which tells what it removed.
+    IPtr<IDocAdminTools> tools;
+    ASSERT_TRUE(Supports(FModule->Docs(), tools));
+    EXPECT_EQ(tools->Do_DeleteDeadLinkPluginDocuments(false),
+              std::vector<std::string>(
+                  {"\"" + otherPlugin + "\",\"contacts#Records\",\"" + goneUID + "\""}));
+    EXPECT_EQ(tools->Do_DeleteDeadLinkPluginDocuments(false), std::vector<std::string>());
     EXPECT_EQ(titles(otherPlugin, "contacts#Records"), S());
     EXPECT_EQ(RowCount("docadmindocs"), 2);
     EXPECT_EQ(RowCount("docadmindocs", "docname", TVariant("kept.txt")), 1);
