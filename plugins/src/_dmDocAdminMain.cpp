@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 
+#include "_DocAdminRessources.h"
 #include "_DocAdminStoreUpdate.h"
 #include "_DocFileLoaderChoice.h"
 #include "_TClientSQL.h"
@@ -48,7 +49,8 @@ const std::pair<const char*, const char*> IconSettings[] = {
 
 }  // namespace
 
-TdmDocAdminMain::TdmDocAdminMain(TClientPluginBase* AOwner) : TPluginBaseDataModule(AOwner) {
+TdmDocAdminMain::TdmDocAdminMain(TClientPluginBase* AOwner)
+    : TPluginBaseDataModule(AOwner), FRessources(std::make_unique<TDocAdminRessourceProvider>()) {
     GMain = this;
     SetSelfIsExtFunc(true);
     CreateComponents();
@@ -269,8 +271,8 @@ std::string TdmDocAdminMain::Get_Caption() {
 }
 
 IPtr<IRessourceContainer> TdmDocAdminMain::GetRessourceContainer(
-    const std::string& /*AResIdentifier*/, std::int64_t /*AResID*/) {
-    return nullptr;
+    const std::string& AResIdentifier, std::int64_t AResID) {
+    return FRessources->GetRessourceContainer(AResIdentifier, AResID);
 }
 
 void TdmDocAdminMain::Do_AddNotifier(IRessourceSourceNotify* ANotifier) {
