@@ -5,6 +5,7 @@
 #include <limits>
 #include <set>
 
+#include "_Dialogs.h"
 #include "_TClientSQL.h"
 #include "_TDocAdminObject.h"
 #include "_TKRRecordSet.h"

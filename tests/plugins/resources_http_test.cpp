@@ -15,7 +15,7 @@ class ResourcesHTTP : public TRestServerFixture, public ::testing::WithParamInte
   protected:
     std::string Backend() const override { return GetParam(); }
 
-    // Documents, stored by nobody: Files/pub.txt (no group) and Files/Sales/sec.txt (group sales),
+    // Documents, stored by alice (so that folders get her default group, none): Files/pub.txt (no group) and Files/Sales/sec.txt (group sales),
     // both linked to CONTACTS 5. alice has full rights in sales, bob none, carol is a read-only
     // user with full rights in sales.
     void SetUp() override {
@@ -29,11 +29,14 @@ class ResourcesHTTP : public TRestServerFixture, public ::testing::WithParamInte
         const std::int64_t carol = FHost->Users().AddUser(u, "password-1");
         FHost->Users().SetUserACLMode(FAlice, sales, uamFull);
         FHost->Users().SetUserACLMode(carol, sales, uamFull);
+        FHost->SetCurrentUser(FAlice);
+        TFinally nobody{[this] { FHost->SetCurrentUser(0); }};
 
         std::unique_ptr<TBaseDocAdmin> admin =
             FModule->Repo().CreateDocAdmin("", "\"Files\"", false, "");
         admin->SetAutoSave(false);
         TDocDirectory* root = admin->Directories();
+        root->ChildDirectoryCount();  // finds or makes the folder
         TDocDirectory* dir = admin->AddDirectory(root, "Sales");
         dir->SetACLGroupID(sales);
         auto store = [&](TDocDirectory* ADir, const std::string& AName, const std::string& ABytes) {
@@ -102,8 +105,8 @@ TEST_P(ResourcesHTTP, LinkedDocumentsUnderEachUsersRights) {
     EXPECT_EQ(Names(List("bob", "CONTACTS", 5)), std::vector<std::string>{"pub.txt"});
 
     struct TCase {
-        const char *User, *Method, *Query;
-        std::string Ref, Body;
+        const char *User, *Method;
+        std::string Query, Ref, Body;
         int Status;
         std::string Answer;  // the body, or a part of the error message
     };
@@ -124,7 +127,7 @@ TEST_P(ResourcesHTTP, LinkedDocumentsUnderEachUsersRights) {
         {"alice", "PUT", "", "", "", 405, "Method not allowed"},
     };
     for (const TCase& c : cases) {
-        SCOPED_TRACE(std::string(c.User) + " " + c.Query + c.Ref);
+        SCOPED_TRACE(c.User + (" " + c.Query) + c.Ref);
         const THTTPAnswer a = Request(c.User, c.Method, "CONTACTS", 5, c.Query + c.Ref, c.Body);
         EXPECT_EQ(a.Status, c.Status) << a.Body;
         if (c.Status == 200 && c.Answer[0] != '{')
@@ -135,12 +138,13 @@ TEST_P(ResourcesHTTP, LinkedDocumentsUnderEachUsersRights) {
     EXPECT_EQ(Call("GET", "/resources?id=5", "", FTokens["alice"]).Status, 400);
     EXPECT_EQ(Call("GET", "/resources?identifier=X&id=5").Status, 401);
 
-    // A link of a document alice may see; then the document goes with all its links.
+    // A link of a document alice may see (listed by the document's own name); then the document
+    // goes with all its links.
     EXPECT_EQ(Request("alice", "POST", "CONTACTS", 6,
                       "&action=add_link&name=s.txt&document_id=" + std::to_string(FSec))
                   .Status,
               200);
-    EXPECT_EQ(Names(List("alice", "CONTACTS", 6)), std::vector<std::string>{"s.txt"});
+    EXPECT_EQ(Names(List("alice", "CONTACTS", 6)), std::vector<std::string>{"sec.txt"});
     EXPECT_EQ(LinkRows(FSec), 2);
     EXPECT_EQ(Request("alice", "POST", "CONTACTS", 5, "&action=delete" + sec).Status, 200);
     EXPECT_EQ(LinkRows(FSec), 0);

@@ -22,12 +22,12 @@ TEST(ResourceAddress, Grammar) {
     };
     const TCase cases[] = {
         {"doc://", true, "", "", ""},
-        {"doc:/", false},
-        {"abcde", false},
-        {"Doc://a", false},  // the scheme is case-sensitive
-        {"xdoc://a", false},
+        {"doc:/", false, "", "", ""},
+        {"abcde", false, "", "", ""},
+        {"Doc://a", false, "", "", ""},  // the scheme is case-sensitive
+        {"xdoc://a", false, "", "", ""},
         {"doc://@" + kGUID + "|a?b", true, kGUID, "a", "b"},
-        {"doc://@" + kGUID + "a?b", true, kGUID, "?b", ""},  // the skipped character isn't looked at
+        {"doc://@" + kGUID + "?a?b", true, kGUID, "a", "b"},  // the skipped one isn't looked at
         {"doc://@{short}", true, "{short}", "", ""},
         {"doc://\"A\",\"B\"?docname like 'x%'?y", true, "", "\"A\",\"B\"", "docname like 'x%'?y"},
         {"doc://%41", true, "", "%41", ""},  // no unescaping
@@ -74,6 +74,7 @@ class Resources : public ModuleHostTest {
     std::int64_t Store(const std::string& AName, const std::string& AContent,
                        TDocAdminDocTags ATags = 0) {
         std::unique_ptr<TBaseDocAdmin> admin = Repo().CreateDocAdmin("", "\"Files\"", false, "");
+        admin->Directories()->ChildDirectoryCount();  // finds or makes the folder
         TDocument* doc = admin->SaveDoc(nullptr, chAdded, LocalFile(AName, AContent),
                                         admin->Directories(), AName, ATags);
         return doc->DocID();
@@ -122,8 +123,11 @@ TEST_P(Resources, OneContainerPerRecordAndScreenOnTheMainThreadOnly) {
         EXPECT_EQ(provider.LoadedCount(), 1u);  // the others went with their last reference
         IPtr<IRessourceContainerEx> ex;
         EXPECT_EQ(Supports(a.get(), ex), id == "CONTACTS");
-        if (ex) EXPECT_EQ(ex->Get_Caption(), "Linked Documents");
+        if (ex) {
+            EXPECT_EQ(ex->Get_Caption(), "Linked Documents");
+        }
         a.reset();
+        ex.reset();
         EXPECT_EQ(provider.LoadedCount(), 0u);
     }
 }
