@@ -183,8 +183,7 @@ void TDocAdminFileRessource::DownloadDone(const std::string& DestFileName) {
 void TDocAdminFileRessource::DownloadFailed(const std::string& DestFileName,
                                             const std::string& ErrorMessage) {
     if (IPtr<IRessourceActionCallBack> cb = FNonBlockingActionCallBack)
-        cb->Do_ActionFailed(static_cast<IRessource*>(this), raSaveCopy, DestFileName,
-                            ErrorMessage);
+        cb->Do_ActionFailed(static_cast<IRessource*>(this), raSaveCopy, DestFileName, ErrorMessage);
 }
 
 std::intptr_t TDocAdminFileRessource::GetIconHandle(std::int32_t& /*ASourceDPI*/) {
@@ -230,9 +229,8 @@ void TDocAdminRessourceContainer::LoadRessources() {
     AddFilter(rs.GetFilters(), "resident", TVariant(Get_ResIdentifier()));
     AddFilter(rs.GetFilters(), "resid", Int(Get_ResID()));
     for (const char* field :
-         {"docadmindocs.docname", "docadmindocs.fllocname", "docadmindocs.id",
-          "docadmindocs.dirid", "docadmindocs.fldate", "docadmindocs.flsize",
-          "docadmindocs.doctags"})
+         {"docadmindocs.docname", "docadmindocs.fllocname", "docadmindocs.id", "docadmindocs.dirid",
+          "docadmindocs.fldate", "docadmindocs.flsize", "docadmindocs.doctags"})
         rs.GetSelectFields()->Add(field);
     rs.Open();
     for (int i = 0; i < rs.GetRecordCount(); ++i) {
@@ -464,8 +462,8 @@ IPtr<IRessourceContainer> TDocAdminRessourceProvider::GetRessourceContainer(
     if (ParseDocAdminAddress(AResIdentifier, address)) {
         std::unique_ptr<TBaseDocAdmin> admin =
             repo.CreateDocAdmin(address.Plugin, address.BaseDirectory, false, address.Params);
-        auto* handle = new TDocAdminObject(admin.release(), false, AResIdentifier, AResID, false,
-                                           false);
+        auto* handle =
+            new TDocAdminObject(admin.release(), false, AResIdentifier, AResID, false, false);
         result = IPtr<IRessourceContainer>(static_cast<IRessourceContainer*>(handle));
         TBaseDocAdmin* tree = handle->DocAdmin();
         handle->SetOnGetDocumentIconHandle(
@@ -498,8 +496,8 @@ IPtr<IRessourceContainer> TDocAdminRessourceProvider::GetRessourceContainer(
             detach = [handle] { handle->OnDestroy = nullptr; };
         }
     } else {
-        auto* container =
-            new TDocAdminRessourceContainer(repo.GetMainInterface(), AResIdentifier, AResID, nullptr);
+        auto* container = new TDocAdminRessourceContainer(repo.GetMainInterface(), AResIdentifier,
+                                                          AResID, nullptr);
         result = IPtr<IRessourceContainer>(static_cast<IRessourceContainerEx*>(container));
         container->SetDocAdminInt(repo.DocAdminInt());
         if (mainThread) {

@@ -270,8 +270,8 @@ std::string TdmDocAdminMain::Get_Caption() {
     return Text(IDS_RESCONTCAP);
 }
 
-IPtr<IRessourceContainer> TdmDocAdminMain::GetRessourceContainer(
-    const std::string& AResIdentifier, std::int64_t AResID) {
+IPtr<IRessourceContainer> TdmDocAdminMain::GetRessourceContainer(const std::string& AResIdentifier,
+                                                                 std::int64_t AResID) {
     return FRessources->GetRessourceContainer(AResIdentifier, AResID);
 }
 

@@ -15,9 +15,9 @@ class ResourcesHTTP : public TRestServerFixture, public ::testing::WithParamInte
   protected:
     std::string Backend() const override { return GetParam(); }
 
-    // Documents, stored by alice (so that folders get her default group, none): Files/pub.txt (no group) and Files/Sales/sec.txt (group sales),
-    // both linked to CONTACTS 5. alice has full rights in sales, bob none, carol is a read-only
-    // user with full rights in sales.
+    // Documents, stored by alice (so that folders get her default group, none): Files/pub.txt (no
+    // group) and Files/Sales/sec.txt (group sales), both linked to CONTACTS 5. alice has full
+    // rights in sales, bob none, carol is a read-only user with full rights in sales.
     void SetUp() override {
         TRestServerFixture::SetUp();
         if (IsSkipped()) return;
@@ -101,7 +101,8 @@ TEST_P(ResourcesHTTP, LinkedDocumentsUnderEachUsersRights) {
     const json alice = List("alice", "CONTACTS", 5);
     EXPECT_EQ(Names(alice), (std::vector<std::string>{"pub.txt", "sec.txt"}));
     EXPECT_EQ(alice[0]["ref"], "f:" + std::to_string(FPub));
-    EXPECT_EQ(alice[0]["actions"], json({"view", "save_copy", "replace", "delete", "edit_monitored"}));
+    EXPECT_EQ(alice[0]["actions"],
+              json({"view", "save_copy", "replace", "delete", "edit_monitored"}));
     EXPECT_EQ(Names(List("bob", "CONTACTS", 5)), std::vector<std::string>{"pub.txt"});
 
     struct TCase {
@@ -166,10 +167,10 @@ TEST_P(ResourcesHTTP, ADocumentTreeByAddress) {
     EXPECT_TRUE(top[0]["has_children"].get<bool>());
     const std::string inbox = top[0]["ref"];
     EXPECT_EQ(inbox.substr(0, 2), "d:");
-    EXPECT_EQ(Request("alice", "POST", tree, 0, "&action=add_document&name=y.txt&ref=" + inbox,
-                      "yy")
-                  .Status,
-              200);
+    EXPECT_EQ(
+        Request("alice", "POST", tree, 0, "&action=add_document&name=y.txt&ref=" + inbox, "yy")
+            .Status,
+        200);
     const json children = List("alice", tree, 0, "&ref=" + inbox);
     ASSERT_EQ(Names(children), std::vector<std::string>{"y.txt"});
     const std::string y = children[0]["ref"];

@@ -151,7 +151,8 @@ TEST_P(Resources, LinkedDocumentsOfARecord) {
         TRessourceActions Actions;
         std::int64_t Size;
     };
-    const TExpect expected[] = {{text, "offer", ".txt", 527, 5}, {locked, "contract", ".pdf", 11, 4}};
+    const TExpect expected[] = {{text, "offer", ".txt", 527, 5},
+                                {locked, "contract", ".pdf", 11, 4}};
     for (int i = 0; i < 2; ++i) {
         IPtr<IRessource> r = c->Get_Item(i);
         EXPECT_EQ(r->Get_ID(), expected[i].ID);

@@ -205,22 +205,24 @@ void TCustomRessourceContainer::Do_Reload(bool ALoad) {
 
 void TCustomRessourceContainer::Do_RegisterNotifier(IRessourceContainerNotify* ANotifier) {
     if (!ANotifier) return;
-    if (std::find(FNotifiers.begin(), FNotifiers.end(), IPtr<IRessourceContainerNotify>(ANotifier)) ==
-        FNotifiers.end())
+    if (std::find(FNotifiers.begin(), FNotifiers.end(),
+                  IPtr<IRessourceContainerNotify>(ANotifier)) == FNotifiers.end())
         FNotifiers.emplace_back(ANotifier);
 }
 
 void TCustomRessourceContainer::Do_UnregisterNotifier(IRessourceContainerNotify* ANotifier) {
-    const auto it = std::find(FNotifiers.begin(), FNotifiers.end(),
-                              IPtr<IRessourceContainerNotify>(ANotifier));
+    const auto it =
+        std::find(FNotifiers.begin(), FNotifiers.end(), IPtr<IRessourceContainerNotify>(ANotifier));
     if (it != FNotifiers.end()) FNotifiers.erase(it);
 }
 
-bool TCustomRessourceContainer::Do_ExecuteAction(
-    TRessourceAction AAction, IRessource* ARessource, const std::string& AFileName,
-    const std::string& ACaption, bool AReadOnly, bool ALoadNonBlocking,
-    IRessourceActionCallBack* ACallBack, IVTLEventPool* ARessourceChangeEvent,
-    TRessourceArchiveMode AArchiveMode) {
+bool TCustomRessourceContainer::Do_ExecuteAction(TRessourceAction AAction, IRessource* ARessource,
+                                                 const std::string& AFileName,
+                                                 const std::string& ACaption, bool AReadOnly,
+                                                 bool ALoadNonBlocking,
+                                                 IRessourceActionCallBack* ACallBack,
+                                                 IVTLEventPool* ARessourceChangeEvent,
+                                                 TRessourceArchiveMode AArchiveMode) {
     TCustomRessource* r = nullptr;
     if (ARessource && !(r = FindRessource(ARessource))) return false;
     // The container stays alive while it acts, even if its holder lets go meanwhile.

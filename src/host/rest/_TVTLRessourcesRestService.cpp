@@ -163,14 +163,16 @@ TRequestArgs ReadArgs(const THTTPRequest& ARequest) {
     std::string id;
     if (!ARequest.QueryParam("identifier", a.Identifier) || a.Identifier.empty())
         Fail(400, "identifier is required");
-    if (!ARequest.QueryParam("id", id) || !TryStrToInt64(id, a.ID)) Fail(400, "id must be a number");
+    if (!ARequest.QueryParam("id", id) || !TryStrToInt64(id, a.ID))
+        Fail(400, "id must be a number");
     ARequest.QueryParam("ref", a.Ref);
     a.HasSource = ARequest.QueryParam("source", a.Source);
     return a;
 }
 
 // The containers of the request; with a source only that one's.
-std::vector<TSourceRessourceContainer> Containers(IMainInterface* AMain, const TRequestArgs& AArgs) {
+std::vector<TSourceRessourceContainer> Containers(IMainInterface* AMain,
+                                                  const TRequestArgs& AArgs) {
     std::vector<TSourceRessourceContainer> all =
         GetRessourceContainers(AMain->GetRessourceSources(), AArgs.Identifier, AArgs.ID);
     if (AArgs.HasSource)
@@ -250,8 +252,7 @@ THTTPResponse Act(const THTTPRequest& ARequest, IMainInterface* AMain) {
     const TRessourceAction action = known->Action;
 
     IPtr<IRessource> r = args.Ref.empty() ? nullptr : Resolve(c, args.Ref);
-    const bool needsRessource =
-        action == raSaveCopy || action == raReplace || action == raDelete;
+    const bool needsRessource = action == raSaveCopy || action == raReplace || action == raDelete;
     if (needsRessource && !r) Fail(400, "ref is required for " + actionName);
     if ((action == raAddDocument || action == raAddDirectory) && !hasName)
         Fail(400, "name is required for " + actionName);

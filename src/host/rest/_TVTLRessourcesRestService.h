@@ -37,7 +37,6 @@ namespace docadmin {
 inline constexpr const char* RessourcesRoutePath = "/resources";
 
 // Answers a request for RessourcesRoutePath; never raises.
-THTTPResponse HandleRessourcesRequest(const THTTPRequest& ARequest,
-                                      IMainInterface* AMainInterface);
+THTTPResponse HandleRessourcesRequest(const THTTPRequest& ARequest, IMainInterface* AMainInterface);
 
 }  // namespace docadmin

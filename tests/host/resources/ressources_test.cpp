@@ -106,7 +106,8 @@ TEST(RessourceContainer, ActionsDeletesAndTheEndOfTheContainer) {
         IPtr<IRessource> a = c->Get_Item(0);
         kept = c->Get_Item(1);
         EXPECT_EQ(kept->Get_Container().get(), static_cast<IRessourceContainer*>(c.get()));
-        EXPECT_TRUE(a->Do_ExecuteAction(raView, "", "", false, false, nullptr, nullptr, ramDefault));
+        EXPECT_TRUE(
+            a->Do_ExecuteAction(raView, "", "", false, false, nullptr, nullptr, ramDefault));
         EXPECT_TRUE(c->Do_ExecuteAction(raDelete, nullptr, "", "", false, false, nullptr, nullptr,
                                         ramDefault));
         EXPECT_FALSE(c->Do_ExecuteAction(raView, foreign.get(), "", "", false, false, nullptr,
@@ -121,8 +122,8 @@ TEST(RessourceContainer, ActionsDeletesAndTheEndOfTheContainer) {
         EXPECT_EQ(n->Log, (Log{"removed:a", "notify0:REC", "childs"}));
         EXPECT_EQ(c->Count(), 1);
         EXPECT_EQ(a->Get_Container(), nullptr);  // detached: its actions go nowhere
-        EXPECT_FALSE(a->Do_ExecuteAction(raView, "", "", false, false, nullptr, nullptr,
-                                         ramDefault));
+        EXPECT_FALSE(
+            a->Do_ExecuteAction(raView, "", "", false, false, nullptr, nullptr, ramDefault));
         n->Log.clear();
     }
     EXPECT_EQ(n->Log, (Log{"notify1:REC"}));  // the last release says so first
@@ -133,7 +134,8 @@ TEST(RessourceContainer, ActionsDeletesAndTheEndOfTheContainer) {
 TEST(VTLEventPool, FiresListenersInOrderUntilRemoved) {
     IPtr<TVTLEventPool> pool(new TVTLEventPool);
     std::vector<std::string> calls;
-    const auto first = pool->AddListener([&](std::int64_t id) { calls.push_back("1:" + std::to_string(id)); });
+    const auto first =
+        pool->AddListener([&](std::int64_t id) { calls.push_back("1:" + std::to_string(id)); });
     pool->AddListener([&](std::int64_t id) { calls.push_back("2:" + std::to_string(id)); });
     pool->Do_FireEvent(7);
     pool->RemoveListener(first);
