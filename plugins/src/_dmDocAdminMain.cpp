@@ -4,6 +4,7 @@
 #include <atomic>
 
 #include "_DocAdminSearch.h"
+#include "_DocAdminRessources.h"
 #include "_DocAdminStoreUpdate.h"
 #include "_DocFileLoaderChoice.h"
 #include "_TClientSQL.h"
@@ -50,7 +51,8 @@ const std::pair<const char*, const char*> IconSettings[] = {
 
 }  // namespace
 
-TdmDocAdminMain::TdmDocAdminMain(TClientPluginBase* AOwner) : TPluginBaseDataModule(AOwner) {
+TdmDocAdminMain::TdmDocAdminMain(TClientPluginBase* AOwner)
+    : TPluginBaseDataModule(AOwner), FRessources(std::make_unique<TDocAdminRessourceProvider>()) {
     GMain = this;
     SetSelfIsExtFunc(true);
     CreateComponents();
@@ -280,9 +282,9 @@ std::string TdmDocAdminMain::Get_Caption() {
     return Text(IDS_RESCONTCAP);
 }
 
-IPtr<IRessourceContainer> TdmDocAdminMain::GetRessourceContainer(
-    const std::string& /*AResIdentifier*/, std::int64_t /*AResID*/) {
-    return nullptr;
+IPtr<IRessourceContainer> TdmDocAdminMain::GetRessourceContainer(const std::string& AResIdentifier,
+                                                                 std::int64_t AResID) {
+    return FRessources->GetRessourceContainer(AResIdentifier, AResID);
 }
 
 void TdmDocAdminMain::Do_AddNotifier(IRessourceSourceNotify* ANotifier) {

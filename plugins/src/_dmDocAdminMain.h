@@ -22,6 +22,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -35,6 +36,8 @@
 #include "_TVTLRestAPICustomKRRecordSetServiceImpl.h"
 
 namespace docadmin {
+
+class TDocAdminRessourceProvider;
 
 // Keys of the module's texts.
 inline const std::string IDS_ModuleTitle = "IDS_ModuleTitle";
@@ -141,7 +144,7 @@ class TdmDocAdminMain : public TPluginBaseDataModule, public IExtFuncPluginDocAd
     std::int32_t Get_ContainerInfo(std::int32_t AIndex, IPtr<IInterface>& AContainer);
     std::string Get_Caption();
     bool Get_Enabled() { return true; }
-    // Resource containers of records aren't offered yet: answers nil.
+    // A doc:// tree or the record's linked documents (see _DocAdminRessources.h).
     IPtr<IRessourceContainer> GetRessourceContainer(const std::string& AResIdentifier,
                                                     std::int64_t AResID);
     void Do_AddNotifier(IRessourceSourceNotify* ANotifier);
@@ -163,6 +166,7 @@ class TdmDocAdminMain : public TPluginBaseDataModule, public IExtFuncPluginDocAd
     TVTLBIAPIClient* VTLBIAPIClient() const { return FVTLBIAPIClient; }
 
     std::size_t NotifierCount() const { return FRessourceSourceNotifyList.size(); }
+    TDocAdminRessourceProvider& Ressources() { return *FRessources; }
 
   private:
     class TRessourceSourcePart : public IRessourceSource {
@@ -207,6 +211,7 @@ class TdmDocAdminMain : public TPluginBaseDataModule, public IExtFuncPluginDocAd
     std::vector<IPtr<IRessourceSourceNotify>> FRessourceSourceNotifyList;
     TRessourceSourcePart FRessourceSource{*this};
     TDocAdminTools FTools{static_cast<IExtFuncPluginDocAdmin&>(*this)};
+    std::unique_ptr<TDocAdminRessourceProvider> FRessources;
 };
 
 }  // namespace docadmin

@@ -87,4 +87,14 @@ class IExtFuncPluginDocAdmin : public IExtFuncPluginUniversal {
     virtual void Do_DeleteDeadLinkPluginDocuments() = 0;
 };
 
+// What the document module's container of a record's linked documents adds to the common
+// container operations; reached by QueryInterface on such a container.
+class IDocAdminRessourceContainer : public IInterface {
+  public:
+    DOCADMIN_IID("{D3F85493-0389-4490-B4D3-2690BC684A3C}");
+    // Links the stored document ADocumentID to the container's record under the display name
+    // AName (caption and extension); answers true.
+    virtual bool AddLink(std::int64_t ADocumentID, const std::string& AName) = 0;
+};
+
 }  // namespace docadmin

@@ -115,6 +115,8 @@ class IRessourceSourceList {
     virtual void Delete(std::int32_t AIndex) = 0;
     virtual std::int32_t Count() = 0;
     virtual IRessourceSource* Item(std::int32_t AIndex) = 0;
+    // The identifier the source was added with.
+    virtual std::string Identifier(std::int32_t AIndex) = 0;
 
   protected:
     ~IRessourceSourceList() = default;

@@ -147,6 +147,13 @@ class IRessourceContainer : public IInterface {
     virtual bool Do_InvalidateChilds(bool AAllowBackground) = 0;
 };
 
+// A container that also names itself: its caption for a screen's list of containers.
+class IRessourceContainerEx : public IRessourceContainer {
+  public:
+    DOCADMIN_IID("{38D4798F-B82E-4334-85C3-ADB9637A0928}");
+    virtual std::string Get_Caption() = 0;
+};
+
 class IDocument;
 
 // A directory of a document tree.

@@ -30,7 +30,7 @@ class TRessourceSourceList : public IRessourceSourceList {
     std::int32_t Count() override;
     IRessourceSource* Item(std::int32_t AIndex) override;
     // The identifier the source was added with; raises EListError out of bounds.
-    std::string Identifier(std::int32_t AIndex);
+    std::string Identifier(std::int32_t AIndex) override;
     // Releases every source.
     void Clear();
     // Empties the list without releasing the sources: for sources whose code may be gone.

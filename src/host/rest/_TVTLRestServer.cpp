@@ -7,6 +7,7 @@
 
 #include "_DBInterface.h"
 #include "_TDBRecordFlagsPlugin.h"
+#include "_TVTLRessourcesRestService.h"
 #include "_TVTLRestAPICustomKRRecordSetServiceImpl.h"
 #include "_TVTLSQLParser.h"
 #include "_Tools.h"
@@ -255,7 +256,7 @@ IPtr<TRestSession> TVTLRestServer::FindSession(const THTTPRequest& ARequest) {
 }
 
 bool TVTLRestServer::IsKnownRoute(const std::string& APath) const {
-    if (FAPI.count(APath)) return true;
+    if (FAPI.count(APath) || APath == RessourcesRoutePath) return true;
     const auto seg = Segments(APath);
     return (seg.size() == 2 || seg.size() == 3) && seg[0] == "records"
                ? true
@@ -430,6 +431,7 @@ THTTPResponse TVTLRestServer::Route(const THTTPRequest& ARequest) {
         r.Body = InvokePublishedAPIMethod(api->second, ARequest.Body, *service);
         return r;
     }
+    if (ARequest.Path == RessourcesRoutePath) return HandleRessourcesRequest(ARequest, &FHost);
     const auto seg = Segments(ARequest.Path);
     TVTLRestAPICustomKRRecordSetServiceImpl records;
     if (seg[0] == "filters") {
