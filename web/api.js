@@ -54,6 +54,11 @@ async function call(method, path, body) {
   return data;
 }
 
+// A call that changes something on the server, with the session's CSRF token.
+export function post(path, body) {
+  return call("POST", path, body);
+}
+
 // A published API method: its out-parameters; a false MethodResult raises the service's error.
 async function invoke(path, params) {
   const out = await call("POST", path, params);

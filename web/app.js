@@ -1,7 +1,7 @@
 // The page: sign in, find a record, and work with the record's documents.
 import * as api from "./api.js";
 import { actions } from "./actions.js";
-import { t, translatePage, formatSize, formatDate } from "./i18n.js";
+import { lang, t, translatePage, formatSize, formatDate } from "./i18n.js";
 
 const $ = (id) => document.getElementById(id);
 const pageSize = 20;
@@ -96,6 +96,7 @@ $("login-form").addEventListener("submit", async (event) => {
     await showApp(session);
   } catch (e) {
     $("login-message").textContent = e.status === 401 ? t("wrongPassword") : t("failed", e.message);
+    $("login-password").value = "";
     $("login-password").focus();
   }
 });
@@ -124,10 +125,11 @@ async function chooseTable(schema) {
   $("doc-search").disabled = !state.docFilter;
   const head = $("records-head");
   head.replaceChildren(
-    ...state.table.columns.map((c) => {
+    ...state.table.columns.map((c, i) => {
       const th = document.createElement("th");
       th.scope = "col";
-      th.textContent = c;
+      th.textContent = state.table.captions?.[c]?.[lang] || c;
+      if (i > 1) th.className = "secondary";
       return th;
     }),
   );
@@ -167,6 +169,7 @@ async function loadRecords() {
         td.append(b);
       } else {
         td.textContent = row[c] ?? "";
+        if (i > 1) td.className = "secondary";
       }
       tr.append(td);
     });
@@ -532,13 +535,6 @@ async function showVersions(doc) {
         td.textContent = text;
         tr.append(td);
       }
-      const td = document.createElement("td");
-      td.append(
-        actionButton(t("download"), `${doc.name} ${v.version}`, () =>
-          guarded(async () => saveBlob(await actions.downloadVersion(state.record, doc, v), v.name || doc.name)),
-        ),
-      );
-      tr.append(td);
       body.append(tr);
     }
     $("versions-dialog").showModal();
@@ -561,7 +557,7 @@ async function start() {
   document.title = t("appTitle");
   const response = await fetch("tables.json", { cache: "no-cache" });
   state.tables = await response.json();
-  $("table").replaceChildren(...state.tables.map((x) => new Option(x.caption[document.documentElement.lang] || x.schema, x.schema)));
+  $("table").replaceChildren(...state.tables.map((x) => new Option(x.caption[lang] || x.schema, x.schema)));
   const session = await api.currentSession().catch(() => null);
   if (session) await showApp(session);
   else showLogin("");

@@ -149,6 +149,7 @@ class Page:
     def login(self, password="a-long-password"):
         self.visible("#login-user").clear()
         self.el("#login-user").send_keys("alice")
+        self.el("#login-password").clear()
         self.el("#login-password").send_keys(password)
         self.el("#login-submit").click()
 

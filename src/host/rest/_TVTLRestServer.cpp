@@ -7,6 +7,7 @@
 
 #include "_DBInterface.h"
 #include "_TDBRecordFlagsPlugin.h"
+#include "_TRecordDocumentActions.h"
 #include "_TVTLRestAPICustomKRRecordSetServiceImpl.h"
 #include "_TVTLSQLParser.h"
 #include "_Tools.h"
@@ -262,7 +263,7 @@ bool TVTLRestServer::IsKnownRoute(const std::string& APath) const {
     const auto seg = Segments(APath);
     return (seg.size() == 2 || seg.size() == 3) && seg[0] == "records"
                ? true
-               : seg.size() == 2 && seg[0] == "filters";
+               : seg.size() == 2 && (seg[0] == "filters" || seg[0] == "record-documents");
 }
 
 void TVTLRestServer::Handle(THTTPRequest&& ARequest, THTTPResponder ARespond) {
@@ -475,6 +476,10 @@ THTTPResponse TVTLRestServer::Route(const THTTPRequest& ARequest) {
             throw EVTLRestServiceError(400, "The request body is not valid JSON");
         }
     };
+    if (seg[0] == "record-documents") {
+        if (ARequest.Method != "POST") return ErrorResponse(405, "Method not allowed");
+        return JsonResponse(200, TRecordDocumentActions(&FHost).Run(seg[1], body()));
+    }
     if (seg.size() == 2) {
         if (ARequest.Method == "GET") {
             TRecordListQuery q;
