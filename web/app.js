@@ -242,6 +242,17 @@ function folders(level, titles = [], out = []) {
   return out;
 }
 
+// Marks the folders along a path of titles as open.
+function openPath(titles) {
+  let level = state.tree;
+  for (const title of titles) {
+    const dir = (level?.directories || []).find((d) => d.name === title);
+    if (!dir) return;
+    state.open.add(dir.server_uid);
+    level = dir;
+  }
+}
+
 function renderTree() {
   const root = $("tree");
   root.replaceChildren(...renderLevel(state.tree, []));
@@ -420,7 +431,8 @@ async function upload(files, folderPath) {
       say(t("uploaded", files.length));
     } finally {
       progress(null);
-      // Files stored before a failure are shown too.
+      // Files stored before a failure are shown too, in their opened folder.
+      openPath(parsePath(folderPath));
       await reloadTree();
     }
   });
@@ -481,8 +493,8 @@ $("folder-form").addEventListener("submit", async (event) => {
   const parent = $("target-folder").value;
   await guarded(async () => {
     await actions.createFolder(state.record, parent, name);
-    say(t("folderCreated", name));
     await reloadTree();
+    say(t("folderCreated", name));
     $("target-folder").value = api.commaPath([...parsePath(parent), name]);
   });
 });
@@ -516,8 +528,8 @@ async function replace(doc) {
     } finally {
       progress(null);
     }
-    say(t("archivedMessage", doc.name));
     await reloadTree();
+    say(t("archivedMessage", doc.name));
   });
 }
 
@@ -545,8 +557,8 @@ async function remove(doc) {
   if (!(await confirmDialog(t("confirmDelete", doc.name)))) return;
   await guarded(async () => {
     await actions.remove(state.record, doc);
-    say(t("deleted", doc.name));
     await reloadTree();
+    say(t("deleted", doc.name));
   });
 }
 

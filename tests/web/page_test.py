@@ -162,8 +162,13 @@ class Page:
                 return item
         return None
 
-    def button(self, item, label):
-        return item.find_element("css selector", f"button[aria-label^='{label}:']")
+    def press(self, name, label):
+        """Clicks a document's button, also while the tree is being redrawn."""
+        def click():
+            self.document_item(name).find_element(
+                "css selector", f"button[aria-label^='{label}:']").click()
+            return True
+        self.wait(click, f"{label} of {name}")
 
     def shot(self, folder, name):
         self.driver.save_screenshot(str(folder / f"{name}.png"))
@@ -244,25 +249,30 @@ def scenario(server, work, artefacts):
         page.wait(lambda: page.el("#target-folder").get_attribute("value") == '"Minutes"',
                   "the new folder chosen as the upload target")
         page.el("#file-input").send_keys(str(nested))
-        folder = page.wait(lambda: page.el("#tree li.folder .toggle"), "the folder in the tree")
-        folder.click()
-        page.wait(lambda: "minutes.txt" in page.document_names(), "the upload in the folder")
+        page.wait(lambda: page.driver.find_elements(
+            "css selector", "#tree li.folder li.document .name")[0].text == "minutes.txt",
+            "the upload in the opened folder")
+        # Closing and opening the folder hides and shows its content.
+        page.el("#tree li.folder .toggle").click()
+        page.wait(lambda: "minutes.txt" not in page.document_names(), "the folder closed")
+        check(page.el("#tree li.folder .toggle").get_attribute("aria-expanded") == "false",
+              "aria-expanded of a closed folder")
+        page.el("#tree li.folder .toggle").click()
+        page.wait(lambda: "minutes.txt" in page.document_names(), "the folder open again")
         page.shot(artefacts, "en-documents")
 
         # Download and compare bytes.
-        page.button(page.document_item("picture.png"), "Download").click()
+        page.press("picture.png", "Download")
         target = downloads / "picture.png"
         page.wait(lambda: target.exists() and target.stat().st_size == second.stat().st_size,
                   "the download")
         check(target.read_bytes() == second.read_bytes(), "downloaded bytes differ")
 
         # Replace: the old content goes to the archive; two versions are listed.
-        item = page.document_item("report.txt")
-        check(item is not None, "report.txt in the tree")
-        page.button(item, "Replace").click()
+        page.press("report.txt", "Replace")
         page.wait(lambda: page.el("#replace-input"), "the replace file dialog").send_keys(str(newer))
         page.wait(lambda: "archived" in page.el("#status").text, "the archive message")
-        page.button(page.document_item("report.txt"), "Versions").click()
+        page.press("report.txt", "Versions")
         page.visible("#versions-dialog")
         page.wait(lambda: len(page.driver.find_elements("css selector", "#versions-body tr")) == 2,
                   "two versions")
@@ -270,7 +280,7 @@ def scenario(server, work, artefacts):
         page.el("#versions-dialog [data-close]").click()
 
         # Delete after the confirmation.
-        page.button(page.document_item("picture.png"), "Delete").click()
+        page.press("picture.png", "Delete")
         page.visible("#confirm-dialog")
         page.el("#confirm-ok").click()
         page.wait(lambda: "picture.png" not in page.document_names(), "the deletion")
@@ -316,10 +326,10 @@ def screenshots(server, work, artefacts):
                 page.shot(artefacts, "de-login")
             page.login()
             page.visible("#app-view")
-            page.el("#records-body button").click()
-            page.visible("#documents")
+            page.wait(lambda: [b for b in page.driver.find_elements(
+                "css selector", "#records-body button") if b.text == "Clark"][0], "Clark").click()
+            page.wait(lambda: page.document_names(), "Clark's documents")
             if prefix == "de":
-                page.wait(lambda: page.document_names(), "documents")
                 page.shot(artefacts, "de-documents")
             page.driver.set_window_size(390, 844)
             page.wait(lambda: page.driver.execute_script(
