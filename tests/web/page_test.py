@@ -25,6 +25,7 @@ import urllib.request
 from pathlib import Path
 
 SKIP = 77
+CONTACTS_STORAGE = "{A48847CA-33D3-4EB0-A586-E316EA2E5322}"
 
 
 def missing_browser():
@@ -93,6 +94,7 @@ class Page:
     def __init__(self, server, language, downloads):
         from selenium import webdriver
         from selenium.webdriver.chrome.service import Service
+        downloads.mkdir(exist_ok=True)
         options = webdriver.ChromeOptions()
         options.binary_location = shutil.which("chromium")
         for a in ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
@@ -199,6 +201,15 @@ def prepare_records(server, files):
             "name": "Offer-2024.txt", "content--encoding": "Base64",
             "content": base64.b64encode(b"an offer").decode()}]}}, token)
     check(status == 200, f"document for Clark: {status} {answer}")
+    # A document is reached only through its own record.
+    status, answer = server.call("POST", "/services/IDocumentStore/QueryRecordResourceList", {
+        "StorageUID": CONTACTS_STORAGE, "SchemaName": "contacts", "RecordUID": uids["Clark"]},
+        token)
+    offer = answer["ResultInfo"]["documents"][0]["server_dbid"]
+    status, answer = server.call("POST", "/record-documents/delete", {
+        "storage": CONTACTS_STORAGE, "schema": "contacts", "record": uids["Adams"], "id": offer},
+        token)
+    check(status == 404, f"delete through another record: {status} {answer}")
     server.call("POST", "/logout", token=token)
     return uids
 
@@ -241,6 +252,14 @@ def scenario(server, work, artefacts):
         page.wait(lambda: sorted(page.document_names()) ==
                   ["Offer-2024.txt", "picture.png", "report.txt"], "the two uploads in the tree")
 
+        # Drag and drop onto the drop zone (a drop event with a file, as a browser sends it).
+        page.driver.execute_script("""
+            const data = new DataTransfer();
+            data.items.add(new File(["dropped"], "dropped.txt", {type: "text/plain"}));
+            document.getElementById("drop-zone").dispatchEvent(
+                new DragEvent("drop", {dataTransfer: data, bubbles: true, cancelable: true}));""")
+        page.wait(lambda: "dropped.txt" in page.document_names(), "the dropped file in the tree")
+
         # A folder, and a file uploaded into it.
         check(page.el("#new-folder").is_displayed(), "the server offers no folder creation")
         page.el("#new-folder").click()
@@ -267,6 +286,13 @@ def scenario(server, work, artefacts):
         page.wait(lambda: target.exists() and target.stat().st_size == second.stat().st_size,
                   "the download")
         check(target.read_bytes() == second.read_bytes(), "downloaded bytes differ")
+
+        # A preview of an image opens in the page.
+        page.press("picture.png", "Preview")
+        page.visible("#preview-dialog")
+        check(page.el("#preview-body img").get_attribute("src").startswith("blob:"),
+              "the preview shows the image")
+        page.el("#preview-dialog [data-close]").click()
 
         # Replace: the old content goes to the archive; two versions are listed.
         page.press("report.txt", "Replace")
@@ -295,6 +321,9 @@ def scenario(server, work, artefacts):
         page.login()
         page.visible("#app-view")
 
+        page.shot(artefacts, "en-records")
+        phone_shots(page, artefacts, "en")
+
         # Sign out: the session is gone on the server.
         cookie = page.driver.get_cookie("docadmin_session")["value"]
         check(server.call("GET", "/session", cookie=f"docadmin_session={cookie}")[0] == 200,
@@ -313,37 +342,39 @@ def scenario(server, work, artefacts):
         page.quit()
 
 
-def screenshots(server, work, artefacts):
-    """The main screens in German, and at a phone's width in both languages."""
-    for language, prefix in (("de-DE", "de"), ("en-US", "en")):
-        downloads = work / f"downloads-{prefix}-shots"
-        downloads.mkdir()
-        page = Page(server, language, downloads)
-        try:
-            page.visible("#login-view")
-            if prefix == "de":
-                check(page.el("#login-heading").text == "Anmelden", "German texts")
-                page.shot(artefacts, "de-login")
-            page.login()
-            page.visible("#app-view")
-            page.wait(lambda: [b for b in page.driver.find_elements(
-                "css selector", "#records-body button") if b.text == "Clark"][0], "Clark").click()
-            page.wait(lambda: page.document_names(), "Clark's documents")
-            if prefix == "de":
-                page.shot(artefacts, "de-documents")
-            page.driver.set_window_size(390, 844)
-            page.wait(lambda: page.driver.execute_script(
-                "return document.documentElement.scrollWidth <= window.innerWidth + 1"),
-                "no sideways scrolling at a phone's width")
-            page.shot(artefacts, f"{prefix}-phone-records")
-            page.driver.execute_script("document.getElementById('documents-pane').scrollIntoView()")
-            page.shot(artefacts, f"{prefix}-phone-documents")
-            foreign = page.foreign_requests()
-            check(not foreign, f"requests to other hosts: {foreign}")
-            page.el("#logout").click()
-            page.visible("#login-view")
-        finally:
-            page.quit()
+def phone_shots(page, artefacts, prefix):
+    page.driver.set_window_size(390, 844)
+    page.wait(lambda: page.driver.execute_script(
+        "return document.documentElement.scrollWidth <= window.innerWidth + 1"),
+        "no sideways scrolling at a phone's width")
+    page.driver.execute_script("window.scrollTo(0, 0)")
+    page.shot(artefacts, f"{prefix}-phone-records")
+    page.driver.execute_script("document.getElementById('documents-pane').scrollIntoView()")
+    page.shot(artefacts, f"{prefix}-phone-documents")
+    page.driver.set_window_size(1280, 900)
+
+
+def german_screens(server, work, artefacts):
+    """The main screens in German, also at a phone's width."""
+    page = Page(server, "de-DE", work / "downloads-de")
+    try:
+        page.visible("#login-view")
+        check(page.el("#login-heading").text == "Anmelden", "German texts")
+        page.shot(artefacts, "de-login")
+        page.login()
+        page.visible("#app-view")
+        page.wait(lambda: [b for b in page.driver.find_elements(
+            "css selector", "#records-body button") if b.text == "Clark"][0], "Clark").click()
+        page.wait(lambda: page.document_names(), "Clark's documents")
+        check(page.el("#documents-heading").text == "Dokumente von Clark", "German heading")
+        page.shot(artefacts, "de-documents")
+        phone_shots(page, artefacts, "de")
+        foreign = page.foreign_requests()
+        check(not foreign, f"requests to other hosts: {foreign}")
+        page.el("#logout").click()
+        page.visible("#login-view")
+    finally:
+        page.quit()
 
 
 def main():
@@ -363,7 +394,7 @@ def main():
     try:
         started = time.time()
         scenario(server, work, artefacts)
-        screenshots(server, work, artefacts)
+        german_screens(server, work, artefacts)
         print(f"page test: passed in {time.time() - started:.1f} s; screenshots in {artefacts}")
         return 0
     except AssertionError as e:

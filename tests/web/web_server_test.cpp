@@ -69,9 +69,9 @@ TEST_F(WebServer, ServesThePageFilesAndNothingBesideThem) {
 
     // No way out of the folder, to hidden files or to folders; API routes stay API routes.
     for (const char* target :
-         {"/../outside.txt", "/lib/../../outside.txt", "/%2e%2e/outside.txt", "/lib/%2E%2E/index.html",
-          "/link.txt", "/.hidden.js", "/lib", "/lib/", "/lib//app.js", "/lib\\app.js", "/nothing.js",
-          "/index.html%00.js"}) {
+         {"/../outside.txt", "/lib/../../outside.txt", "/%2e%2e/outside.txt",
+          "/lib/%2E%2E/index.html", "/link.txt", "/.hidden.js", "/lib", "/lib/", "/lib//app.js",
+          "/lib\\app.js", "/nothing.js", "/index.html%00.js"}) {
         const auto a = Call("GET", target);
         EXPECT_EQ(a.Status, 404) << target;
         EXPECT_EQ(a.Body.find("outside"), std::string::npos) << target;
@@ -111,8 +111,8 @@ TEST_F(WebServer, CookieSessionsNeedTheCsrfTokenToChangeThings) {
          cookie + "X-CSRF-Token: " + BrowserLogin().second + "\r\n", 403, kToken},
         {"cookie, token, foreign origin", cookie + token + "Origin: http://evil.example\r\n", 403,
          kCross},
-        {"cookie, token, cross-site fetch", cookie + token + "Sec-Fetch-Site: cross-site\r\n",
-         403, kCross},
+        {"cookie, token, cross-site fetch", cookie + token + "Sec-Fetch-Site: cross-site\r\n", 403,
+         kCross},
         {"cookie, token, own origin", cookie + token + "Origin: http://test\r\n", 201, ""},
         {"cookie and token", cookie + token, 201, ""},
     };
@@ -135,6 +135,43 @@ TEST_F(WebServer, CookieSessionsNeedTheCsrfTokenToChangeThings) {
     EXPECT_EQ(Send("POST", "/logout", cookie).Status, 403);
     EXPECT_EQ(Send("POST", "/logout", cookie + token).Status, 200);
     EXPECT_EQ(Send("GET", "/session", cookie).Status, 401);
+}
+
+TEST_F(WebServer, RecordDocumentActionsCheckTheirRequestBeforeTheTree) {
+    const std::string token = Login("alice");
+    const auto created = Call("POST", "/records/contacts", R"({"name":"Adams"})", token);
+    ASSERT_EQ(created.Status, 201) << created.Body;
+    const std::string uid =
+        nlohmann::json::parse(created.Body)["record_info"][0]["server_uid"].get<std::string>();
+    const std::string storage = R"("storage":"{A48847CA-33D3-4EB0-A586-E316EA2E5322}")";
+    auto body = [&](const std::string& AUid, const std::string& AStorage = "") {
+        return "{" + (AStorage.empty() ? storage : AStorage) +
+               R"(,"schema":"contacts","record":")" + AUid + R"(","id":1})";
+    };
+    struct Case {
+        const char* Method;
+        const char* Path;
+        std::string Body;
+        int Status;
+        const char* Message;
+    };
+    const Case cases[] = {
+        {"GET", "/record-documents/delete", body(uid), 405, "Method not allowed"},
+        {"POST", "/record-documents/rename", body(uid), 404, "Not found"},
+        {"POST", "/record-documents/delete", "[1]", 400, "must be an object"},
+        {"POST", "/record-documents/delete", body(uid, R"("storage":"x")"), 400, "plug-in GUID"},
+        {"POST", "/record-documents/delete", body("not-a-uid"), 400, "Invalid record UID"},
+        {"POST", "/record-documents/delete", body("{00000000-0000-0000-0000-000000000001}"), 404,
+         ""},
+        // A readable record, but no document module in this host.
+        {"POST", "/record-documents/delete", body(uid), 503, "module isn't loaded"},
+    };
+    for (const auto& c : cases) {
+        const auto a = Call(c.Method, c.Path, c.Body, token);
+        EXPECT_EQ(a.Status, c.Status) << c.Path << " " << c.Body << ": " << a.Body;
+        EXPECT_NE(a.Body.find(c.Message), std::string::npos) << c.Body << ": " << a.Body;
+    }
+    EXPECT_EQ(Call("POST", "/record-documents/delete", body(uid)).Status, 401);
 }
 
 }  // namespace

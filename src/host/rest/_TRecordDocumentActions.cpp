@@ -98,8 +98,9 @@ TJsonObject TRecordDocumentActions::Run(const std::string& AAction, const TJsonO
         const std::string path = Text(ABody, "path", false);
         const std::string name = Text(ABody, "name");
         if (!IsFolderName(name))
-            throw EVTLRestServiceError(400, "A folder name must not be empty, \".\" or \"..\" "
-                                            "and must not hold / or \\ or control characters");
+            throw EVTLRestServiceError(400,
+                                       "A folder name must not be empty, \".\" or \"..\" "
+                                       "and must not hold / or \\ or control characters");
         IPtr<IDirectory> parent =
             path.empty() ? root->Get_RootDir() : root->Do_GetDirectoryByTitle(nullptr, path);
         if (!parent) throw EVTLRestServiceError(404, "Folder not found");
@@ -112,8 +113,7 @@ TJsonObject TRecordDocumentActions::Run(const std::string& AAction, const TJsonO
 
     const std::int64_t id = Id(ABody);
     IPtr<IDocument> doc = FindDocument(root->Get_RootDir().get(), id);
-    if (!doc)
-        throw EVTLRestServiceError(404, "Provided document not found or permission denied!");
+    if (!doc) throw EVTLRestServiceError(404, "Provided document not found or permission denied!");
     if (AAction == "delete") {
         root->Do_DeleteDocument(doc.get());
         save();
@@ -148,8 +148,7 @@ TJsonObject TRecordDocumentActions::Run(const std::string& AAction, const TJsonO
             archived.push_back(VersionJson(archive.ValueByName(r, "docname").GetAsString(),
                                            archive.ValueByName(r, "flversion").GetAsString(),
                                            archive.ValueByName(r, "fldate").GetAsFloat(),
-                                           archive.ValueByName(r, "flsize").GetAsInteger(),
-                                           false));
+                                           archive.ValueByName(r, "flsize").GetAsInteger(), false));
         // Newest first, after the current one.
         std::stable_sort(archived.begin(), archived.end(), [](const auto& a, const auto& b) {
             return a["lastmodified"].template get<std::string>() >

@@ -18,8 +18,8 @@
 
 #include <string>
 
-#include "_TVTLCustomRestService.h"
 #include "_PluginIntf.h"
+#include "_TVTLCustomRestService.h"
 
 namespace docadmin {
 

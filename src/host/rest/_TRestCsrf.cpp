@@ -16,8 +16,9 @@ TRestCsrf::TRestCsrf() {
 std::string TRestCsrf::TokenFor(const std::string& ASessionToken) const {
     unsigned char mac[EVP_MAX_MD_SIZE];
     unsigned int length = 0;
-    HMAC(EVP_sha256(), FKey, sizeof FKey, reinterpret_cast<const unsigned char*>(ASessionToken.data()),
-         ASessionToken.size(), mac, &length);
+    HMAC(EVP_sha256(), FKey, sizeof FKey,
+         reinterpret_cast<const unsigned char*>(ASessionToken.data()), ASessionToken.size(), mac,
+         &length);
     static const char* hex = "0123456789abcdef";
     std::string r;
     for (unsigned int i = 0; i < length; ++i) {

@@ -83,9 +83,8 @@ std::optional<THTTPResponse> TStaticFileRoute::Serve(const THTTPRequest& AReques
 
     THTTPResponse r;
     r.ContentType = ContentTypeOf(real.filename().string());
-    const std::string etag =
-        "\"" + std::to_string(size) + "-" +
-        std::to_string(modified.time_since_epoch().count()) + "\"";
+    const std::string etag = "\"" + std::to_string(size) + "-" +
+                             std::to_string(modified.time_since_epoch().count()) + "\"";
     r.Headers.push_back({"ETag", etag});
     r.Headers.push_back({"Cache-Control", "no-cache"});
     r.Headers.push_back({"X-Content-Type-Options", "nosniff"});
