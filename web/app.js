@@ -120,7 +120,6 @@ async function chooseTable(schema) {
     const filters = (await api.filtersOf(state.table.schema)).filters || [];
     const search = filters[0];
     state.docFilter = search ? search.identifier : "";
-    if (search?.caption) $("doc-search-label").title = search.caption;
   });
   $("doc-search").disabled = !state.docFilter;
   const head = $("records-head");
@@ -212,7 +211,8 @@ async function openRecord(uid, label, row) {
   $("documents-heading").textContent = t("documentsOf", label);
   showDocuments(state.record);
   await reloadTree();
-  $("documents-heading").scrollIntoView({ block: "nearest" });
+  // Keyboard and screen reader users continue at the record's documents.
+  $("documents-heading").focus();
 }
 
 function showDocuments(record) {
