@@ -220,7 +220,8 @@ def scenario(server, work, artefacts):
     first = files / "report.txt"
     first.write_bytes(b"first report\n" * 100)
     second = files / "picture.png"
-    second.write_bytes(bytes(range(256)) * 40)  # binary content survives the round trip
+    # Binary content of several download chunks survives the round trip.
+    second.write_bytes(bytes(range(256)) * 10000 + b"end")
     nested = files / "minutes.txt"
     nested.write_bytes("Protokoll über Änderungen\n".encode() * 10)
     newer = files / "report-v2.txt"
