@@ -288,6 +288,12 @@ def scenario(server, work, artefacts):
                   "the download")
         check(target.read_bytes() == second.read_bytes(), "downloaded bytes differ")
 
+        # Converted to PDF on the server.
+        page.press("minutes.txt", "As PDF")
+        converted = downloads / "minutes.pdf"
+        page.wait(lambda: converted.exists() and converted.read_bytes().startswith(b"%PDF")
+                  and b"%%EOF" in converted.read_bytes()[-64:], "the PDF download", timeout=90)
+
         # A preview of an image opens in the page.
         page.press("picture.png", "Preview")
         page.visible("#preview-dialog")
