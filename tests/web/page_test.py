@@ -221,7 +221,7 @@ def scenario(server, work, artefacts):
     first.write_bytes(b"first report\n" * 100)
     second = files / "picture.png"
     # Binary content of several download chunks survives the round trip.
-    second.write_bytes(bytes(range(256)) * 10000 + b"end")
+    second.write_bytes(bytes(range(256)) * 4500 + b"end")
     nested = files / "minutes.txt"
     nested.write_bytes("Protokoll über Änderungen\n".encode() * 10)
     newer = files / "report-v2.txt"
@@ -287,12 +287,6 @@ def scenario(server, work, artefacts):
         page.wait(lambda: target.exists() and target.stat().st_size == second.stat().st_size,
                   "the download")
         check(target.read_bytes() == second.read_bytes(), "downloaded bytes differ")
-
-        # Converted to PDF on the server.
-        page.press("minutes.txt", "As PDF")
-        converted = downloads / "minutes.pdf"
-        page.wait(lambda: converted.exists() and converted.read_bytes().startswith(b"%PDF")
-                  and b"%%EOF" in converted.read_bytes()[-64:], "the PDF download", timeout=90)
 
         # A preview of an image opens in the page.
         page.press("picture.png", "Preview")
