@@ -259,7 +259,7 @@ IPtr<TRestSession> TVTLRestServer::FindSession(const THTTPRequest& ARequest) {
 }
 
 bool TVTLRestServer::IsKnownRoute(const std::string& APath) const {
-    if (FAPI.count(APath) || APath == "/session") return true;
+    if (FAPI.count(APath)) return true;
     const auto seg = Segments(APath);
     return (seg.size() == 2 || seg.size() == 3) && seg[0] == "records"
                ? true
@@ -296,7 +296,7 @@ void TVTLRestServer::Handle(THTTPRequest&& ARequest, THTTPResponder ARespond) {
         if (delay.count() > 0) return FHTTP->RunAfter(delay, run);
         return run();
     }
-    if (path != "/logout" && !IsKnownRoute(path)) {
+    if (path != "/logout" && path != "/session" && !IsKnownRoute(path)) {
         if (auto file = FStatic ? FStatic->Serve(*req) : std::nullopt) return ARespond(*file);
         return ARespond(ErrorResponse(404, "Not found"));
     }
