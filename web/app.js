@@ -75,6 +75,7 @@ function showLogin(message) {
 }
 
 async function showApp(session) {
+  sessionStorage.setItem("signedIn", "1");
   $("login-view").hidden = true;
   $("app-view").hidden = false;
   $("who").hidden = false;
@@ -103,6 +104,7 @@ $("login-form").addEventListener("submit", async (event) => {
 
 $("logout").addEventListener("click", async () => {
   await guarded(api.logout);
+  sessionStorage.removeItem("signedIn");
   state.record = null;
   showDocuments(null);
   showLogin(t("loggedOut"));
@@ -572,7 +574,8 @@ async function start() {
   $("table").replaceChildren(...state.tables.map((x) => new Option(x.caption[lang] || x.schema, x.schema)));
   const session = await api.currentSession().catch(() => null);
   if (session) await showApp(session);
-  else showLogin("");
+  // A page that was signed in when it was last open finds its session ended.
+  else showLogin(sessionStorage.getItem("signedIn") ? t("sessionExpired") : "");
 }
 
 start();

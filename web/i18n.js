@@ -62,7 +62,7 @@ const texts = {
     notAvailable: "Diese Funktion bietet der Server nicht an.",
     openFolder: "Ordner öffnen",
     closeFolder: "Ordner schließen",
-    language: "Sprache",
+    pages: "Seiten",
     filterCaption: "Suche nach abgelegten Dokumenten",
   },
   en: {
@@ -125,7 +125,7 @@ const texts = {
     notAvailable: "The server doesn't offer this function.",
     openFolder: "Open folder",
     closeFolder: "Close folder",
-    language: "Language",
+    pages: "Pages",
     filterCaption: "Search by stored documents",
   },
 };
