@@ -470,14 +470,14 @@ function closeOnButton(dialog) {
 for (const d of document.querySelectorAll("dialog")) closeOnButton(d);
 $("preview-dialog").addEventListener("close", () => $("preview-body").replaceChildren());
 
-// Asks in a modal dialog; resolves true when confirmed.
+// Asks in a modal dialog; resolves true only when confirmed (not on Cancel or Escape).
 function confirmDialog(text) {
   const dialog = $("confirm-dialog");
   $("confirm-text").textContent = text;
   dialog.returnValue = "";
   dialog.showModal();
   $("confirm-ok").focus();
-  return new Promise((resolve) => dialog.addEventListener("close", () => resolve(dialog.returnValue !== "cancel"), { once: true }));
+  return new Promise((resolve) => dialog.addEventListener("close", () => resolve(dialog.returnValue === "ok"), { once: true }));
 }
 
 $("new-folder").hidden = !actions.createFolder;
