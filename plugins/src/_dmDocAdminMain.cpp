@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 
+#include "_DocAdminSearch.h"
 #include "_DocAdminStoreUpdate.h"
 #include "_DocFileLoaderChoice.h"
 #include "_TClientSQL.h"
@@ -104,6 +105,9 @@ void TdmDocAdminMain::CreateComponents() {
     search.Identifier = DocAdminFilterIdentifier;
     search.Caption = "Suche in abgelegten Dokumenten";
     search.SupportsSchema = [](const std::string&) { return true; };
+    search.OnApplyFilter = [this](TKRRecordSet& ASet, const std::string& AValue) {
+        DocAdminSearchApplyFilter(GetMainInterface(), ASet, AValue);
+    };
     FKRFilterHandlerClient->AddHandler(std::move(search));
 
     FVTLBIAPIClient = new TVTLBIAPIClient(this);

@@ -60,9 +60,11 @@ std::string Comparison(TSQLBuild& b, const TDBTableDef& table, const std::string
     }
 
     const TVariant& v = f.GetValue();
+    // A folded column meets a value folded by the same database function, so that both sides
+    // agree on letters beyond ASCII (PostgreSQL folds them, SQLite doesn't).
     auto param = [&](const TVariant& value) {
-        TVariant p = upper ? TVariant(UpperASCII(value.AsString())) : ConvertForField(value, field);
-        return b.AddParam(std::move(p));
+        if (upper) return "upper(CAST(" + b.AddParam(TVariant(value.AsString())) + " AS TEXT))";
+        return b.AddParam(ConvertForField(value, field));
     };
     switch (type) {
         case ftEqual:
@@ -81,7 +83,7 @@ std::string Comparison(TSQLBuild& b, const TDBTableDef& table, const std::string
         case ftGreaterEqual:
             return expr + " >= " + param(v);
         case ftLike:
-            return expr + " LIKE " + b.AddParam(upper ? UpperASCII(v.AsString()) : v.AsString());
+            return expr + " LIKE " + (upper ? param(v) : b.AddParam(v.AsString()));
         case ftInList:
         case ftNotInList: {
             std::vector<TVariant> items;
