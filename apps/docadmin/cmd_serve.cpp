@@ -9,7 +9,9 @@
 #include <signal.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <exception>
+#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <thread>
@@ -59,6 +61,13 @@ const TAPIInterfaceType& HostInfoInterface() {
     return intf;
 }
 
+std::string DefaultWebRoot() {
+    if (const char* d = std::getenv("DOCADMIN_WEB_DIR"); d && *d) return d;
+    std::error_code ec;
+    const auto program = std::filesystem::read_symlink("/proc/self/exe", ec);
+    return ec ? std::string() : (program.parent_path() / "web").string();
+}
+
 // Runs the main-thread queue once, waiting up to ATimeoutMs for work. A failing call has no
 // caller to go back to: it is reported and the loop goes on.
 void RunMainThreadQueue(int ATimeoutMs) {
@@ -98,6 +107,8 @@ void RunServe(const TServeOptions& o) {
         options.HTTP.TLSKeyFile = o.TLSKey;
     }
     if (o.AccessLogGiven) options.HTTP.AccessLog = o.AccessLog;
+    // The page's files: [server] web_root, else $DOCADMIN_WEB_DIR, else "web" beside the program.
+    if (options.WebRoot.empty()) options.WebRoot = DefaultWebRoot();
 
     TVTLBIAPIClient hostAPI(nullptr);
     hostAPI.AddItem("Host", "{0F3C6A8E-2B51-4D7A-9E14-7A5B3C2D1E90}", "host");

@@ -7,6 +7,7 @@
 
 #include "_DBInterface.h"
 #include "_TDBRecordFlagsPlugin.h"
+#include "_TRecordDocumentActions.h"
 #include "_TVTLRessourcesRestService.h"
 #include "_TVTLRestAPICustomKRRecordSetServiceImpl.h"
 #include "_TVTLSQLParser.h"
@@ -114,7 +115,8 @@ TRestServerOptions RestServerOptionsFromConfig(const TDocAdminConfig& AConfig) {
                                         "simulate_error_status",
                                         "allow_simulate_error_header",
                                         "login_throttle_after",
-                                        "login_throttle_delay_ms"};
+                                        "login_throttle_delay_ms",
+                                        "web_root"};
     const auto& s = AConfig.ServerSettings();
     for (const auto& [k, v] : s)
         if (std::find_if(std::begin(kKeys), std::end(kKeys),
@@ -162,6 +164,7 @@ TRestServerOptions RestServerOptionsFromConfig(const TDocAdminConfig& AConfig) {
     o.Service.AllowSimulateErrorHeader = flag("allow_simulate_error_header", false);
     o.LoginThrottleAfter = static_cast<int>(IntSetting(s, "login_throttle_after", 5));
     o.LoginThrottleDelay = std::chrono::milliseconds(IntSetting(s, "login_throttle_delay_ms", 500));
+    o.WebRoot = str("web_root", "");
     if (h.IOThreads < 1 || h.WorkerThreads < 1 || h.MaxConnections < 1)
         throw EConfigError("server thread and connection counts must be at least 1");
     return o;
@@ -182,6 +185,7 @@ TVTLRestServer::~TVTLRestServer() {
 void TVTLRestServer::Start() {
     FAPI = CollectPublishedAPIMethods();
     FOpenAPI = BuildOpenAPI();
+    FStatic = std::make_unique<TStaticFileRoute>(FOptions.WebRoot);
     FStopping = false;
     FHTTP->Start();
     SweepSessions();
@@ -260,7 +264,7 @@ bool TVTLRestServer::IsKnownRoute(const std::string& APath) const {
     const auto seg = Segments(APath);
     return (seg.size() == 2 || seg.size() == 3) && seg[0] == "records"
                ? true
-               : seg.size() == 2 && seg[0] == "filters";
+               : seg.size() == 2 && (seg[0] == "filters" || seg[0] == "record-documents");
 }
 
 void TVTLRestServer::Handle(THTTPRequest&& ARequest, THTTPResponder ARespond) {
@@ -277,6 +281,8 @@ void TVTLRestServer::Handle(THTTPRequest&& ARequest, THTTPResponder ARespond) {
     auto req = std::make_shared<THTTPRequest>(std::move(ARequest));
     if (path == "/login") {
         if (req->Method != "POST") return ARespond(ErrorResponse(405, "Method not allowed"));
+        if (auto why = FCsrf.Refusal(*req, ""); !why.empty())
+            return ARespond(ErrorResponse(403, why));
         std::string user;
         try {
             const TJsonObject body = TJsonObject::parse(req->Body);
@@ -291,9 +297,19 @@ void TVTLRestServer::Handle(THTTPRequest&& ARequest, THTTPResponder ARespond) {
         if (delay.count() > 0) return FHTTP->RunAfter(delay, run);
         return run();
     }
-    if (path != "/logout" && !IsKnownRoute(path)) return ARespond(ErrorResponse(404, "Not found"));
+    if (path != "/logout" && path != "/session" && !IsKnownRoute(path)) {
+        if (auto file = FStatic ? FStatic->Serve(*req) : std::nullopt) return ARespond(*file);
+        return ARespond(ErrorResponse(404, "Not found"));
+    }
     IPtr<TRestSession> session = FindSession(*req);
     if (!session) return ARespond(ErrorResponse(401, "No valid session"));
+    if (auto why = FCsrf.Refusal(*req, session->Token()); !why.empty())
+        return ARespond(ErrorResponse(403, why));
+    if (path == "/session") {
+        if (req->Method != "GET") return ARespond(ErrorResponse(405, "Method not allowed"));
+        session->Touch();
+        return ARespond(JsonResponse(200, SessionJson(*session)));
+    }
     if (path == "/logout") {
         if (req->Method != "POST") return ARespond(ErrorResponse(405, "Method not allowed"));
         {
@@ -381,15 +397,9 @@ void TVTLRestServer::HandleLogin(const THTTPRequest& ARequest, const THTTPRespon
             std::lock_guard lock(FSessionLock);
             FSessions[token] = session;
         }
-        const auto type_ = static_cast<TConnectorSessionType>(type);
-        THTTPResponse r = JsonResponse(
-            200, {{"session", token},
-                  {"user", session->GetUserName()},
-                  {"session_type", type},
-                  {"session_type_name", ConnectorSessionTypeName(type_)},
-                  {"idle_timeout_seconds",
-                   std::chrono::duration_cast<std::chrono::seconds>(FOptions.SessionIdleTimeout)
-                       .count()}});
+        TJsonObject answer = {{"session", token}};
+        answer.update(SessionJson(*session));
+        THTTPResponse r = JsonResponse(200, answer);
         r.Headers.push_back({"Set-Cookie", std::string(kCookie) + "=" + token +
                                                "; Path=/; HttpOnly; SameSite=Strict" +
                                                (ARequest.Secure ? "; Secure" : "")});
@@ -397,6 +407,16 @@ void TVTLRestServer::HandleLogin(const THTTPRequest& ARequest, const THTTPRespon
     } catch (const std::exception& e) {
         ARespond(ErrorResponse(e));
     }
+}
+
+TJsonObject TVTLRestServer::SessionJson(TRestSession& ASession) const {
+    const auto type = ASession.GetSessionType();
+    return {{"user", ASession.GetUserName()},
+            {"session_type", static_cast<int>(type)},
+            {"session_type_name", ConnectorSessionTypeName(type)},
+            {"idle_timeout_seconds",
+             std::chrono::duration_cast<std::chrono::seconds>(FOptions.SessionIdleTimeout).count()},
+            {"csrf_token", FCsrf.TokenFor(ASession.Token())}};
 }
 
 void TVTLRestServer::HandleInSession(TRestSession& ASession, const THTTPRequest& ARequest,
@@ -458,6 +478,10 @@ THTTPResponse TVTLRestServer::Route(const THTTPRequest& ARequest) {
             throw EVTLRestServiceError(400, "The request body is not valid JSON");
         }
     };
+    if (seg[0] == "record-documents") {
+        if (ARequest.Method != "POST") return ErrorResponse(405, "Method not allowed");
+        return JsonResponse(200, TRecordDocumentActions(&FHost).Run(seg[1], body()));
+    }
     if (seg.size() == 2) {
         if (ARequest.Method == "GET") {
             TRecordListQuery q;

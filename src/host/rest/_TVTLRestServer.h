@@ -30,7 +30,9 @@
 
 #include "_THTTPServer.h"
 #include "_THost.h"
+#include "_TRestCsrf.h"
 #include "_TRestSession.h"
+#include "_TStaticFileRoute.h"
 #include "_TVTLBIAPIClient.h"
 #include "_TVTLCustomRestService.h"
 
@@ -45,6 +47,8 @@ struct TRestServerOptions {
     int LoginThrottleAfter = 5;
     std::chrono::milliseconds LoginThrottleDelay{500};
     std::chrono::milliseconds LoginThrottleMaxDelay{8000};
+    // The folder of the page's files served at "/"; empty serves none.
+    std::string WebRoot;
 };
 
 // The options of the configuration's [server] table.
@@ -73,6 +77,8 @@ class TVTLRestServer {
     void HandleInSession(TRestSession& ASession, const THTTPRequest& ARequest,
                          const THTTPResponder& ARespond);
     THTTPResponse Route(const THTTPRequest& ARequest);
+    // The session's user, kind, idle timeout and CSRF token, as /login and /session answer them.
+    TJsonObject SessionJson(TRestSession& ASession) const;
     IPtr<TRestSession> FindSession(const THTTPRequest& ARequest);
     void EndSession(const IPtr<TRestSession>& ASession);
     void SweepSessions();
@@ -88,6 +94,8 @@ class TVTLRestServer {
     std::map<std::string, TPublishedAPIMethod> FAPI;  // set by Start, then only read
     std::string FOpenAPI;                             // set by Start, then only read
     std::atomic<bool> FStopping{false};
+    std::unique_ptr<TStaticFileRoute> FStatic;  // set by Start, then only read
+    TRestCsrf FCsrf;
 
     std::mutex FSessionLock;
     std::map<std::string, IPtr<TRestSession>> FSessions;  // by token; guarded by FSessionLock

@@ -123,7 +123,8 @@ TEST_F(RestServer, LoginLogoutAndTheTwoWaysToNameASession) {
     const std::string echo = R"({"S":"x"})";
     EXPECT_EQ(Call("POST", "/test/ITest/Echo", echo, token).Status, 200);
     EXPECT_EQ(c.Call("POST", "/test/ITest/Echo", echo, "",
-                     "Cookie: other=1; docadmin_session=" + token + "\r\n")
+                     "Cookie: other=1; docadmin_session=" + token + "\r\nX-CSRF-Token: " +
+                         nlohmann::json::parse(login.Body).value("csrf_token", "") + "\r\n")
                   .Status,
               200);
     EXPECT_EQ(Call("POST", "/test/ITest/Echo", echo).Status, 401);
