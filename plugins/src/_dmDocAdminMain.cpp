@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <atomic>
 
-#include "_DocAdminSearch.h"
 #include "_DocAdminRessources.h"
+#include "_DocAdminSearch.h"
 #include "_DocAdminStoreUpdate.h"
 #include "_DocFileLoaderChoice.h"
 #include "_TClientSQL.h"

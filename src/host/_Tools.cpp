@@ -1,4 +1,5 @@
 #include "_Tools.h"
+#include "_JsonText.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

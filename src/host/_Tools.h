@@ -84,10 +84,6 @@ std::string ConvertToFileName(const std::string& AText, bool AAllowPathDelim, in
 
 // True when the text is well-formed UTF-8 (no overlong forms, surrogates or values past U+10FFFF).
 bool IsValidUtf8(const std::string& AText);
-// True when the text is one JSON value (RFC 8259) with optional white space around it: strings
-// hold well-formed UTF-8 and no lone surrogate escapes. Runs at memory speed on long strings,
-// for checking large answers (Base64 chunks) that are passed on without parsing.
-bool IsValidJsonText(const std::string& AText);
 // The tree's text form of a name read from the file system (see above).
 std::string NameFromFileSystem(const std::string& ABytes);
 // The bytes of a name on the file system for a name of the tree; the inverse of the above.

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "_JsonText.h"
 #include "_Tools.h"
 
 namespace docadmin {

@@ -1,5 +1,6 @@
 #include "_TVTLBIAPIClient.h"
 
+#include "_JsonText.h"
 #include "_Tools.h"
 
 #include <algorithm>
