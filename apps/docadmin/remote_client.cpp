@@ -252,7 +252,16 @@ TJson ServiceResult(TJson AAnswer) {
 }  // namespace
 
 TJson TRemoteClient::CallDocumentStore(const std::string& AMethod, const TJson& AParams) {
-    const TAnswer a = SendInSession("POST", kDocumentStorePath + AMethod, AParams.dump());
+    TAnswer a;
+    try {
+        a = SendInSession("POST", kDocumentStorePath + AMethod, AParams.dump());
+    } catch (const ERemoteError& e) {
+        // The server's answer to a route it doesn't have.
+        if (e.Status() == 404)
+            throw ERemoteError(404, "The server publishes no documents service (" +
+                                        std::string(e.what()) + ")");
+        throw;
+    }
     TJson j;
     try {
         j = TJson::parse(a.Body);
@@ -353,8 +362,8 @@ TDownloadResult TRemoteClient::Download(const TDownloadRequest& ARequest, TDownl
                                                        std::to_string(failures) + " retries)");
                 throw;
             }
-            const auto delay = std::min(FOptions.RetryDelay * (1LL << std::min(failures, 20)),
-                                        FOptions.RetryDelayMax);
+            const auto delay = std::min<std::chrono::milliseconds>(
+                FOptions.RetryDelay * (1LL << std::min(failures, 20)), FOptions.RetryDelayMax);
             ++failures;
             ++result.Retries;
             std::this_thread::sleep_for(delay);

@@ -194,7 +194,7 @@ INSTANTIATE_TEST_SUITE_P(
         TCase{"LongerThanListed", 10, 4, 6, "", {}, {0, 4}, 0}),
     [](const auto& info) { return std::string(info.param.Name); });
 
-TEST(RemoteClient, WrongPasswordAndSessionRenewal) {
+TEST(RemoteClient, WrongPasswordAndNoServer) {
     TFakeService fake("x");
     TRemoteClient client(fake.URL());
     try {
@@ -205,7 +205,6 @@ TEST(RemoteClient, WrongPasswordAndSessionRenewal) {
         EXPECT_STREQ(e.what(), "Wrong user name or password");
     }
     EXPECT_THROW(TRemoteClient("ftp://x"), ERemoteError);
-    EXPECT_EQ(TRemoteClient("http://127.0.0.1:1").Options().Retries, 5);
     try {
         TRemoteClient("http://127.0.0.1:1").Login("u", "p");
         ADD_FAILURE() << "no server answered";
@@ -216,7 +215,8 @@ TEST(RemoteClient, WrongPasswordAndSessionRenewal) {
 }
 
 TEST(RemoteClient, Base64AndAnswerSplitting) {
-    for (const std::string s : {"", "a", "ab", "abc", "abcd", std::string("\0\xff\x10", 3)}) {
+    for (const std::string& s :
+         std::vector<std::string>{"", "a", "ab", "abc", "abcd", std::string("\0\xff\x10", 3)}) {
         TMemoryStream m;
         m.WriteBuffer(s.data(), static_cast<std::int64_t>(s.size()));
         m.SetPosition(0);
