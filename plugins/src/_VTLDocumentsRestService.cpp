@@ -4,8 +4,11 @@
 #include <filesystem>
 #include <optional>
 
+#include "_DocAdminStorageUIDs.h"
+#include "_TDBRecordFlagsPlugin.h"
 #include "_TKRRecordSet.h"
 #include "_Tools.h"
+#include "_dmDocAdminRepository.h"
 
 namespace docadmin {
 
@@ -55,6 +58,83 @@ void RunServiceMethod(const std::string* AOptions, bool& MethodResult, std::stri
         MethodResult = false;
     }
     ResultInfo = TVTLCustomRestService::ToJSON(*result, TVTLCustomRestService::ReturnCompactJson());
+}
+
+// The module's repository; gone once the module is ending.
+class TModuleRepositoryAdapter final : public IDocumentsServiceRepository {
+  public:
+    IPtr<IDirectoryRoot> GetDocAdminObject(const std::string& Plugin,
+                                           const std::string& BaseDirectory, bool ALoad,
+                                           const std::string& AResIdentifier, std::int64_t AResID,
+                                           std::int64_t ADBATransactionID,
+                                           TRecordFlagTypes ARecordFlagTypes, bool AAutoSave,
+                                           bool AIsNewUniqueFolder) override {
+        return Repository().GetDocAdminObject(Plugin, BaseDirectory, ALoad, AResIdentifier, AResID,
+                                              ADBATransactionID, ARecordFlagTypes, AAutoSave,
+                                              AIsNewUniqueFolder);
+    }
+    bool DownloadDocumentWithUID(const std::string& ADocumentUID, const std::string& ADestFileName,
+                                 std::string& ADocName, TDateTime& ACreateDate,
+                                 TDateTime& ALastModifiedDate, bool AOfflineContainer) override {
+        return Repository().DownloadDocumentWithUID(ADocumentUID, ADestFileName, ADocName,
+                                                    ACreateDate, ALastModifiedDate,
+                                                    AOfflineContainer);
+    }
+    TKRFileHandlerClient* KRFileHandlerClient() override {
+        return Repository().KRFileHandlerClient();
+    }
+
+  private:
+    static TdmDocAdminRepository& Repository() {
+        TdmDocAdminRepository* r = TdmDocAdminRepository::Instance();
+        if (!r) throw EVTLRestServiceError(500, "Service is in shutdown state!");
+        return *r;
+    }
+};
+
+// A download's temporary file. On the record route the entry goes into the cache before the
+// fetch; when the fetch fails the entry keeps the failure, and the next call on it answers that
+// failure and gives the entry up, rather than serving the empty file as the document.
+class TDocumentTempFileHelper : public TSessionCacheTempFileHelper {
+  public:
+    std::exception_ptr Failure;
+};
+
+// The text of a member of an import element; empty when absent or not a string.
+std::string StringMember(const TJsonObject& AItem, const char* AKey) {
+    const auto it = AItem.find(AKey);
+    return it != AItem.end() && it->is_string() ? it->get<std::string>() : std::string();
+}
+
+// The bytes of an import element by its "content--encoding": "Base64" and "hex" (exact), any
+// other value or none the text as it stands (UTF-8, nothing is lost).
+std::string DecodeContent(const TJsonObject& AItem) {
+    const std::string content = StringMember(AItem, "content");
+    const std::string encoding = StringMember(AItem, "content--encoding");
+    if (encoding == "Base64") return MIMEDecodeRawByteStr(content);
+    if (encoding == "hex") return HexToBin(content);
+    return content;
+}
+
+// Marks a new document with the record flags of the kinds in ATypes: every flag the flags service
+// defines for documents with such a kind, so that a tree loaded with these kinds shows it.
+void SetDocumentRecordFlags(std::int64_t ADocumentID, TRecordFlagTypes ATypes) {
+    auto* flags =
+        dynamic_cast<TDBRecordFlagsPlugin*>(TVTLCustomRestService::GetRecordFlagsPlugin());
+    if (!flags || !flags->Available()) return;
+    const std::string table = "docadmindocs";
+    TKRRecordSet defs(nullptr, flags->Database());
+    defs.SetSchemaName("recordflagdefs");
+    defs.GetSelectFields()->Add("flagtype");
+    defs.GetSelectFieldOptions("flagtype").DisableLookupValueLoading = true;
+    AddFilter(defs.GetFilters(), "metaid",
+              TVariant(static_cast<long long>(flags->GetMetaID(table))));
+    defs.Open();
+    for (int i = 0; i < defs.GetRecordCount(); ++i) {
+        const std::int64_t type = defs.ValueByName(i, "flagtype").GetAsInteger();
+        if (type >= 0 && type < 8 && (ATypes & (1u << type)) != 0)
+            flags->SetFlag(table, ADocumentID, defs.GetDBIDByRecNo(i));
+    }
 }
 
 IDocumentsServiceRepository* RepositoryOrShutdown() {
@@ -107,6 +187,19 @@ IDocumentsServiceRepository* DocumentsServiceRepository() {
 
 void SetDocumentsServiceRepository(IDocumentsServiceRepository* ARepository) {
     GRepository = ARepository;
+}
+
+IDocumentsServiceRepository& ModuleDocumentsServiceRepository() {
+    static TModuleRepositoryAdapter adapter;
+    return adapter;
+}
+
+void GetDocumentsAPIService(const TVTLBIAPIItem& AItem, TRestServiceClass& AImplementorClass,
+                            TInterfaceTypeList& AImplementedInterfaces) {
+    AImplementedInterfaces.clear();
+    if (AItem.Index != 0) return;
+    AImplementorClass = [] { return std::make_unique<TVTLDocumentsRestService>(); };
+    AImplementedInterfaces.push_back(DocumentStoreInterfaceType());
 }
 
 // ---- Publication
@@ -294,11 +387,57 @@ TRecordFlagTypes TVTLDocumentsRestService::ResolveRecordFlagTypes(IMainInterface
     return DefaultRecordFlagTypes();
 }
 
+std::string TVTLDocumentsRestService::GuessStorageUIDBySQLTableName(
+    const std::string& ASQLTableName) {
+    return docadmin::GuessStorageUIDBySQLTableName(ASQLTableName);
+}
+
+// ---- Import
+
 void TVTLDocumentsRestService::ImportRecordDocumentsFromJSONArray(
-    const TJsonObject& /*AJSONItems*/, IDBFieldSchemaItem* /*ASchema*/,
-    const std::string& /*RecordUID*/, TJsonObject* /*AResultJson*/,
-    TRecordFlagTypes /*ActiveRecordFlags*/) {
-    throw EVTLRestServiceError(501, "Importing documents is not available yet");
+    const TJsonObject& AJSONItems, IDBFieldSchemaItem* ASchema, const std::string& RecordUID,
+    TJsonObject* AResultJson, TRecordFlagTypes ActiveRecordFlags) {
+    const std::string storageUID = GuessStorageUIDBySQLTableName(ASchema->GetSQLTableName());
+    TSessionDirectoryRootHelper* helper = GetDirectoryHelper(storageUID, ASchema->GetSchemaName(),
+                                                             RecordUID, ActiveRecordFlags, true);
+    if (!helper || !AJSONItems.is_array()) return;
+    IDirectoryRoot* root = helper->Value().get();
+    IPtr<IRessourceContainer> container;
+    Supports(root, container);
+    for (const TJsonObject& item : AJSONItems) {
+        if (!item.is_object()) continue;
+        const std::string file = GetTempPath() + GetTempFileName();
+        TFinally removeFile{[&file] {
+            std::error_code ec;
+            std::filesystem::remove(file, ec);
+        }};
+        SaveStrToFile(file, DecodeContent(item), false);
+        // A path that names no folder of the tree puts the document into the record's folder.
+        IPtr<IDirectory> dir = root->Do_GetDirectoryByTitle(nullptr, StringMember(item, "path"));
+        // Adding doesn't check the target folder's rights on its own: a user who may only read a
+        // folder adds nothing to it.
+        IPtr<IRessource> target;
+        if (dir) Supports(dir.get(), target);
+        if (container && !container->Get_ACLWriteable(target.get()))
+            throw EVTLRestServiceError(
+                403, "No write access to \"" + (dir ? dir->Get_Title() : std::string()) + "\"");
+        // Without a name the document takes the temporary file's name (not its folder).
+        std::string name = StringMember(item, "name");
+        if (name.empty()) name = ExtractFileName(file);
+        IPtr<IDocument> doc = root->Do_SaveDocument(dir.get(), name, file, 0);
+        if (!doc) continue;
+        if (ActiveRecordFlags != 0 && doc->Get_DocID() > 0)
+            SetDocumentRecordFlags(doc->Get_DocID(), ActiveRecordFlags);
+        if (AResultJson) {
+            // The row's UID is made by the database; a document just written may not hold it.
+            std::string uid = doc->Get_GlobalRecUID();
+            if (uid.empty() && doc->Get_DocID() > 0)
+                uid = MainInterface()->GetDBInterface()->GetRecordUIDByDBID("docadmindocs",
+                                                                            doc->Get_DocID());
+            AddRecordInfoToJsonResult(StringMember(item, "remote_uid"), uid, doc->Get_DocID(),
+                                      *AResultJson);
+        }
+    }
 }
 
 // ---- Listing
@@ -360,18 +499,30 @@ bool TVTLDocumentsRestService::InternalDownloadRecordDocument(
     const std::string key = SessionDocumentKeyPrefix + std::to_string(ServerDBID);
     TSessionCache& cache = CurrentSession()->GetSessionCache();
     auto* helper = dynamic_cast<TSessionCacheTempFileHelper*>(cache.Find(key));
+    if (auto* failed = dynamic_cast<TDocumentTempFileHelper*>(helper); failed && failed->Failure) {
+        const std::exception_ptr failure = failed->Failure;
+        cache.Remove(key);
+        std::rethrow_exception(failure);
+    }
     if (!helper) {
-        // Into the cache before anything can fail: a failed fetch leaves the entry behind.
-        auto owned = std::make_unique<TSessionCacheTempFileHelper>();
-        helper = owned.get();
+        // Into the cache before anything can fail: a failed fetch leaves the entry behind,
+        // holding its failure.
+        auto owned = std::make_unique<TDocumentTempFileHelper>();
+        TDocumentTempFileHelper* entry = owned.get();
+        helper = entry;
         cache.Add(key, std::move(owned));
-        helper->DisplayName = document->Get_DocName();
-        helper->FileName = ChangeFileExt(helper->FileName, ExtractFileExt(helper->DisplayName));
-        if (!document->Do_Download(helper->FileName))
-            throw EDocAdminException("The document \"" + helper->DisplayName +
-                                     "\" could not be fetched");
-        if (auto format = OptionFormat(OptionsJson)) ConvertSessionFile(*helper, *format);
-        helper->GetStream()->SetPosition(0);
+        try {
+            helper->DisplayName = document->Get_DocName();
+            helper->FileName = ChangeFileExt(helper->FileName, ExtractFileExt(helper->DisplayName));
+            if (!document->Do_Download(helper->FileName))
+                throw EDocAdminException("The document \"" + helper->DisplayName +
+                                         "\" could not be fetched");
+            if (auto format = OptionFormat(OptionsJson)) ConvertSessionFile(*helper, *format);
+            helper->GetStream()->SetPosition(0);
+        } catch (...) {
+            entry->Failure = std::current_exception();
+            throw;
+        }
     }
     ServeChunk(*helper, key, Chunk, ResultJson, [&] {
         ResultJson["server_dbid"] = ServerDBID;

@@ -15,8 +15,8 @@
 //
 // The service object holds no state: everything per client lives in the session cache, which the
 // host never uses from two requests of one session at once. The repository is reached through
-// IDocumentsServiceRepository; when none is set the module is shutting down and tree requests
-// answer 500.
+// IDocumentsServiceRepository, which the module sets to an adapter over its TdmDocAdminRepository
+// when it starts and clears when its shutdown begins; without one, tree requests answer 500.
 #pragma once
 
 #include <cstdint>
@@ -33,7 +33,7 @@
 
 namespace docadmin {
 
-// What the service needs of the module's repository.
+// What the service needs of the module's repository (tests may wrap the module's own).
 class IDocumentsServiceRepository {
   public:
     // A tree handle on a new administrator for the plug-in's tree below ABaseDirectory.
@@ -56,6 +56,14 @@ class IDocumentsServiceRepository {
 // has begun. Set and cleared by the module's lifecycle.
 IDocumentsServiceRepository* DocumentsServiceRepository();
 void SetDocumentsServiceRepository(IDocumentsServiceRepository* ARepository);
+// The adapter over the module's TdmDocAdminRepository; its calls raise the shutdown error (500)
+// once the repository is gone.
+IDocumentsServiceRepository& ModuleDocumentsServiceRepository();
+
+// The answers for API items of the module's TVTLBIAPIClient: item 0 is this service with
+// IDocumentStore, any other item gets nothing.
+void GetDocumentsAPIService(const TVTLBIAPIItem& AItem, TRestServiceClass& AImplementorClass,
+                            TInterfaceTypeList& AImplementedInterfaces);
 
 // The session cache key of a session's directory root.
 inline const std::string SessionDirectoryRootKey = "{C6F5AFFA-399C-4B9D-A7D4-4ED3A63EDCD2}";
@@ -134,7 +142,14 @@ class TVTLDocumentsRestService : public TVTLCustomRestService, public IDocumentS
     static TRecordFlagTypes ResolveRecordFlagTypes(IMainInterface* AMainInterface,
                                                    const std::string& SchemaName);
 
-    // Imports documents sent with a record; not available in this build yet (raises 501).
+    // The storage UID for a SQL table name (see _DocAdminStorageUIDs.h).
+    static std::string GuessStorageUIDBySQLTableName(const std::string& ASQLTableName);
+
+    // Imports the documents sent with a record (objects of AJSONItems; other elements are
+    // skipped) into the record's tree, each into the folder its "path" names or, when no such
+    // folder exists, the record's folder; nothing is created on the way. New documents get
+    // ActiveRecordFlags; with AResultJson each is reported there. A failing element ends the
+    // import (documents before it stay); its temporary file is deleted in any case.
     void ImportRecordDocumentsFromJSONArray(const TJsonObject& AJSONItems,
                                             IDBFieldSchemaItem* ASchema,
                                             const std::string& RecordUID, TJsonObject* AResultJson,

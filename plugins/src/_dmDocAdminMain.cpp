@@ -8,6 +8,7 @@
 #include "_TClientSQL.h"
 #include "_TLocalSettingsStorage.h"
 #include "_TVTLFrameworkScriptGlobalFunctions.h"
+#include "_VTLDocumentsRestService.h"
 #include "_dmDocAdminMainForms.h"
 #include "_dmDocAdminRepository.h"
 
@@ -107,10 +108,11 @@ void TdmDocAdminMain::CreateComponents() {
 
     FVTLBIAPIClient = new TVTLBIAPIClient(this);
     FVTLBIAPIClient->AddItem("Documents Services", DocumentsServicesIdentifier, "services");
-    // The documents service isn't part of the module yet: no item names an implementation.
-    FVTLBIAPIClient->OnGetAPIService =
-        [](TVTLBIAPIClient*, const TVTLBIAPIItem&, TRestServiceClass&,
-           TInterfaceTypeList& AImplementedInterfaces) { AImplementedInterfaces.clear(); };
+    FVTLBIAPIClient->OnGetAPIService = [](TVTLBIAPIClient*, const TVTLBIAPIItem& AItem,
+                                          TRestServiceClass& AClass, TInterfaceTypeList& AIntfs) {
+        GetDocumentsAPIService(AItem, AClass, AIntfs);
+    };
+    SetDocumentsServiceRepository(&ModuleDocumentsServiceRepository());
 }
 
 void TdmDocAdminMain::LoadIconSettings() {
@@ -132,6 +134,8 @@ void TdmDocAdminMain::Init() {
 
 void TdmDocAdminMain::BeforeDestruction() {
     TPluginBaseDataModule::BeforeDestruction();
+    // From here on the documents service answers that it is shutting down.
+    SetDocumentsServiceRepository(nullptr);
     // A copy: a notifier may remove itself while it is told.
     const std::vector<IPtr<IRessourceSourceNotify>> notifiers = FRessourceSourceNotifyList;
     for (const IPtr<IRessourceSourceNotify>& n : notifiers)

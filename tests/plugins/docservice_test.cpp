@@ -8,13 +8,16 @@
 
 #include "_DocFileLoaderChoice.h"
 #include "_TDBDocAdmin.h"
+#include "_TDBRecordFlagsPlugin.h"
 #include "_TDocAdminObject.h"
 #include "_TKRACLDataTableController.h"
 #include "_TKRRecordSet.h"
 #include "_TUniqueFolderCache.h"
+#include "_TVTLRestAPICustomKRRecordSetServiceImpl.h"
 #include "_Tools.h"
 #include "_VTLDocumentsRestService.h"
 #include "host/rest/rest_test_support.h"
+#include "plugin_fixtures.h"
 
 namespace docadmin::test {
 namespace {
@@ -27,25 +30,9 @@ const std::string kOtherRecord = "{0D0C5E41-0000-4000-8000-000000000002}";
 const std::string kModuleGUID = "{DBAE1129-670F-45DA-8489-6D64A3429BBF}";
 const std::string kDigits = "0123456789";
 
-std::unique_ptr<TDBDocAdmin> NewAdmin(THost& AHost, TUniqueFolderCache& ACache,
-                                      const std::string& ABaseDirectory) {
-    auto admin = std::make_unique<TDBDocAdmin>(nullptr);
-    admin->SetDocFileLoader(CreateConfiguredDocFileLoader(&AHost, false).release());
-    admin->SetPlugin(kStorage);
-    admin->SetRootDirectoryPath("\"" + kStorage + "\"," + ABaseDirectory);
-    admin->SetAllwaysLoadGlobal(false);
-    admin->SetMainInterface(&AHost);
-    admin->SetUserAccess(AHost.GetUserAccess());
-    admin->SetPluginGUID(kModuleGUID);
-    admin->SetUniqueFolderCache(&ACache);
-    return admin;
-}
-
-// The repository as the service meets it, counting tree loads. The download by UID applies no
-// rights of its own, so that the service's own check is what the tests see.
-class TTestRepository : public IDocumentsServiceRepository {
+// The module's repository as the service meets it, counting tree loads.
+class TCountingRepository : public IDocumentsServiceRepository {
   public:
-    explicit TTestRepository(THost& AHost) : FHost(AHost), FConverter(nullptr) {}
     IPtr<IDirectoryRoot> GetDocAdminObject(const std::string& Plugin,
                                            const std::string& BaseDirectory, bool ALoad,
                                            const std::string& AResIdentifier, std::int64_t AResID,
@@ -53,39 +40,22 @@ class TTestRepository : public IDocumentsServiceRepository {
                                            TRecordFlagTypes ARecordFlagTypes, bool AAutoSave,
                                            bool AIsNewUniqueFolder) override {
         ++Loads;
-        EXPECT_EQ(Plugin, kStorage);
-        auto admin = NewAdmin(FHost, FCache, BaseDirectory);
-        admin->SetDBATransactionID(ADBATransactionID);
-        admin->SetAutoSave(AAutoSave);
-        admin->SetActiveRecordFlagTypes(ARecordFlagTypes);
-        return IPtr<IDirectoryRoot>(static_cast<IDirectoryRoot*>(new TDocAdminObject(
-            admin.release(), ALoad, AResIdentifier, AResID, false, AIsNewUniqueFolder)));
+        return FInner.GetDocAdminObject(Plugin, BaseDirectory, ALoad, AResIdentifier, AResID,
+                                        ADBATransactionID, ARecordFlagTypes, AAutoSave,
+                                        AIsNewUniqueFolder);
     }
     bool DownloadDocumentWithUID(const std::string& ADocumentUID, const std::string& ADest,
                                  std::string& ADocName, TDateTime& ACreateDate,
                                  TDateTime& ALastModifiedDate, bool AOffline) override {
-        TKRRecordSet rs(nullptr, FHost.GetDBInterface());
-        rs.SetSchemaName("docadmindocs");
-        for (const char* f : {"docname", "fllocname", "creadate", "fldate"})
-            rs.GetSelectFields()->Add(f);
-        AddFilter(rs.GetFilters(), "globalrecuid", TVariant(ADocumentUID));
-        rs.Open();
-        if (rs.GetRecordCount() == 0) return false;
-        ADocName = rs.ValueByName(0, "docname").GetAsString();
-        CreateConfiguredDocFileLoader(&FHost, AOffline)
-            ->DownloadFile(rs.ValueByName(0, "fllocname").GetAsString(), ADest);
-        ACreateDate = rs.ValueByName(0, "creadate").GetAsFloat();
-        ALastModifiedDate = rs.ValueByName(0, "fldate").GetAsFloat();
-        return true;
+        return FInner.DownloadDocumentWithUID(ADocumentUID, ADest, ADocName, ACreateDate,
+                                              ALastModifiedDate, AOffline);
     }
-    TKRFileHandlerClient* KRFileHandlerClient() override { return &FConverter; }
+    TKRFileHandlerClient* KRFileHandlerClient() override { return FInner.KRFileHandlerClient(); }
 
     std::atomic<int> Loads{0};
-    TUniqueFolderCache FCache;
 
   private:
-    THost& FHost;
-    TKRFileHandlerClient FConverter;
+    IDocumentsServiceRepository& FInner = ModuleDocumentsServiceRepository();
 };
 
 struct TDoc {
@@ -105,43 +75,50 @@ class DocService : public TRestServerFixture, public ::testing::WithParamInterfa
     std::string Backend() const override { return GetParam(); }
 
     void SetUp() override {
+        // Temporary files (downloads, imports) go to a folder of the test's own, so that what
+        // is left behind can be seen. Set before any thread of the host starts.
+        FTemp = std::filesystem::temp_directory_path() /
+                ("docsvc_tmp_" + std::to_string(::getpid()) + "_" +
+                 std::to_string(reinterpret_cast<std::uintptr_t>(this)));
+        std::filesystem::create_directories(FTemp);
+        if (const char* t = std::getenv("TMPDIR")) FOldTemp = t;
+        ::setenv("TMPDIR", FTemp.c_str(), 1);
         TRestServerFixture::SetUp();
         if (IsSkipped()) return;
-        FACL.AddTable("docadmindir", TACLTableType::atDefault, "", "Folders");
-        FACL.AddTable("docadmindocs", TACLTableType::atDefault, "dirid", "Files");
         FSales = FHost->Users().AddACLGroup("sales", "");
         FHR = FHost->Users().AddACLGroup("hr", "");
         TUserInfo u;
+        u.UserName = "dave";
+        FDave = FHost->Users().AddUser(u, "password-1");
         u.UserName = "carol";
         u.ReadOnly = true;
         FCarol = FHost->Users().AddUser(u, "password-1");
         FHost->Users().SetUserACLMode(FAlice, FSales, uamFull);
         FHost->Users().SetUserACLMode(FCarol, FSales, uamReadOnly);
+        FHost->Users().SetUserACLMode(FDave, FSales, uamReadOnly);
         FHost->Users().SetUserACLMode(FBob, FHR, uamFull);
+        FModule = std::make_unique<TModuleRun>(FHost.get());
         BuildTree();
-
-        FRepository = std::make_unique<TTestRepository>(*FHost);
-        SetDocumentsServiceRepository(FRepository.get());
-        FAPI = std::make_unique<TVTLBIAPIClient>(nullptr);
-        FAPI->AddItem("Documents Services", "{7291FAEA-36AF-4E36-92A0-BFE1C4368A73}", "services");
-        FAPI->OnGetAPIService = [](TVTLBIAPIClient*, const TVTLBIAPIItem& AItem,
-                                   TRestServiceClass& AClass, TInterfaceTypeList& AIntfs) {
-            AIntfs.clear();
-            if (AItem.Index != 0) return;
-            AClass = [] { return std::make_unique<TVTLDocumentsRestService>(); };
-            AIntfs.push_back(DocumentStoreInterfaceType());
-        };
+        SetDocumentsServiceRepository(&FRepository);
         TVTLCustomRestService::ServiceDataSettings().Clear();
         StartServer();
         FToken = Login("alice");
     }
     void TearDown() override {
         FServer.reset();
+        FModule.reset();
         SetDocumentsServiceRepository(nullptr);
         TVTLCustomRestService::ServiceDataSettings().Clear();
-        FAPI.reset();
-        FRepository.reset();
         TRestServerFixture::TearDown();
+        FOldTemp.empty() ? ::unsetenv("TMPDIR") : ::setenv("TMPDIR", FOldTemp.c_str(), 1);
+        std::filesystem::remove_all(FTemp);
+    }
+    // The files in the temporary folder.
+    std::vector<std::string> TempFiles() const {
+        std::vector<std::string> r;
+        for (const auto& f : std::filesystem::recursive_directory_iterator(FTemp))
+            r.push_back(f.path().filename().string());
+        return r;
     }
 
     // The record's tree, written as alice (so that folders get her default group, none):
@@ -150,8 +127,9 @@ class DocService : public TRestServerFixture, public ::testing::WithParamInterfa
     void BuildTree() {
         FHost->SetCurrentUser(FAlice);
         TFinally nobody{[this] { FHost->SetCurrentUser(0); }};
-        TUniqueFolderCache cache;
-        auto admin = NewAdmin(*FHost, cache, "\"contacts#Records\",\"" + kRecord + "\"");
+        TdmDocAdminRepository& repo = *TdmDocAdminRepository::Instance();
+        auto admin = repo.CreateDocAdmin(kStorage, RecordBase(kRecord), false, "");
+        admin->SetUniqueFolderCache(&repo.UniqueFolderCache());
         admin->SetUserAccess(nullptr);
         TDocDirectory* root = admin->Directories();
         ASSERT_EQ(root->ChildDirectoryCount(), 0);  // finds or makes the record's folder
@@ -234,11 +212,54 @@ class DocService : public TRestServerFixture, public ::testing::WithParamInterfa
             ANames.insert(d["name"].get<std::string>());
     }
 
-    TKRACLDataTableController FACL{nullptr};
-    std::int64_t FSales = 0, FHR = 0, FCarol = 0;
+    // A record service call as a user (alice by default); the answer's body parsed.
+    std::pair<int, json> Records(const std::string& AMethod, const std::string& ATarget,
+                                 const json& ABody = nullptr, const std::string& AToken = "") {
+        const THTTPAnswer a = Call(AMethod, ATarget, ABody.is_null() ? "" : ABody.dump(),
+                                   AToken.empty() ? FToken : AToken);
+        return {a.Status, a.Body.empty() ? json() : json::parse(a.Body)};
+    }
+    void AddContact(const std::string& ARecord) {
+        EXPECT_EQ(Records("POST", "/records/contacts", {{"globalrecuid", ARecord}, {"name", "Doe"}})
+                      .first,
+                  201);
+    }
+    // Sends documents with an update of the record's row.
+    std::pair<int, json> PutDocuments(const json& ASection, const std::string& AToken = "",
+                                      const std::string& ARecord = kRecord) {
+        return Records("PUT", "/records/contacts/" + ARecord,
+                       {{"name", "Doe"}, {"record_documents", ASection}}, AToken);
+    }
+    // Every document of a listing by server_uid: its folder's name ("" for the root) and name.
+    static void CollectDocs(const json& ALevel, const std::string& AFolder,
+                            std::map<std::string, std::pair<std::string, std::string>>& ADocs) {
+        for (const auto& d : ALevel.value("directories", json::array()))
+            CollectDocs(d, d["name"], ADocs);
+        for (const auto& d : ALevel.value("documents", json::array()))
+            ADocs[d["server_uid"]] = {AFolder, d["name"]};
+    }
+    std::map<std::string, std::pair<std::string, std::string>> Docs(
+        const std::string& AToken = "") {
+        std::map<std::string, std::pair<std::string, std::string>> r;
+        CollectDocs(List(kRecord, AToken).Info, "", r);
+        return r;
+    }
+    std::string FetchByUID(const std::string& AUID) {
+        const TAnswer a = Invoke("DownloadDocument", {{"DocumentUID", AUID}});
+        EXPECT_TRUE(a.Result) << a.Info;
+        return a.Content();
+    }
+
+    static std::string RecordBase(const std::string& ARecord) {
+        return "\"contacts#Records\",\"" + ARecord + "\"";
+    }
+
+    std::filesystem::path FTemp;
+    std::string FOldTemp;
+    std::unique_ptr<TModuleRun> FModule;
+    std::int64_t FSales = 0, FHR = 0, FCarol = 0, FDave = 0;
     std::map<std::string, TDoc> FDocs;
-    std::unique_ptr<TTestRepository> FRepository;
-    std::unique_ptr<TVTLBIAPIClient> FAPI;
+    TCountingRepository FRepository;
     std::string FToken;
 };
 
@@ -289,7 +310,7 @@ TEST_P(DocService, ListingNestsDirectoriesBeforeDocumentsWithKeysInOrder) {
 }
 
 TEST_P(DocService, SessionKeepsOneRootAndReloadsOnlyWhenTheArgumentsChange) {
-    const auto loads = [this] { return FRepository->Loads.load(); };
+    const auto loads = [this] { return FRepository.Loads.load(); };
     ASSERT_TRUE(ByID("root.txt", R"({"size":1})").Result);
     ASSERT_TRUE(ByID("a.txt", R"({"size":1})").Result);
     EXPECT_EQ(loads(), 1);  // two downloads, one load
@@ -403,17 +424,26 @@ TEST_P(DocService, ResultKeysEntriesPerRouteAndFailedFetches) {
     EXPECT_FALSE(badOptions.Result);
     EXPECT_EQ(badOptions.Status(), 400);
 
-    // The stored file of gone.txt is lost: the record route leaves its entry (an empty file)
-    // behind, the UID route leaves none.
+    // The stored file of gone.txt is lost. The record route keeps its entry, which answers the
+    // failure once more (never the empty file as the document) and then goes, so that the next
+    // call fetches afresh; the UID route keeps no entry.
+    std::vector<std::pair<std::filesystem::path, std::string>> lost;
     for (const auto& f : std::filesystem::recursive_directory_iterator(FDir))
         if (f.path().filename().string().rfind(FDocs["gone.txt"].Remote, 0) == 0)
-            std::filesystem::remove(f.path());
-    EXPECT_FALSE(ByID("gone.txt").Result);
-    const TAnswer again = ByID("gone.txt");
-    EXPECT_TRUE(again.Result);
-    EXPECT_EQ(again.Info["chunk"]["size"], 0);
+            lost.emplace_back(f.path(), ReadText(f.path()));
+    ASSERT_FALSE(lost.empty());
+    for (const auto& [path, bytes] : lost)
+        std::filesystem::remove(path);
+    const TAnswer failed = ByID("gone.txt", R"({"size":2})");
+    EXPECT_FALSE(failed.Result);
+    const TAnswer again = ByID("gone.txt", R"({"size":2})");
+    EXPECT_FALSE(again.Result);
+    EXPECT_EQ(again.Info, failed.Info);
     EXPECT_FALSE(ByUID("gone.txt").Result);
-    EXPECT_FALSE(ByUID("gone.txt").Result);
+    for (const auto& [path, bytes] : lost)
+        WriteText(path, bytes);
+    EXPECT_EQ(ByID("gone.txt").Content(), "lost");
+    EXPECT_EQ(ByUID("gone.txt").Content(), "lost");
 }
 
 TEST_P(DocService, ConversionAndItsFailure) {
@@ -436,11 +466,15 @@ TEST_P(DocService, ConversionAndItsFailure) {
 }
 
 TEST_P(DocService, UsersSeeAndFetchOnlyWhatTheirGroupsAllow) {
-    const std::map<std::string, std::string> tokens = {
-        {"alice", FToken}, {"bob", Login("bob")}, {"carol", Login("carol")}};
+    const std::map<std::string, std::string> tokens = {{"alice", FToken},
+                                                       {"bob", Login("bob")},
+                                                       {"carol", Login("carol")},
+                                                       {"dave", Login("dave")}};
     const std::set<std::string> everyone = {"root.txt", "note.txt", "gone.txt", "a.txt", "old.txt"};
-    const std::map<std::string, std::set<std::string>> extra = {
-        {"alice", {"s.txt"}}, {"bob", {"h.txt", "deep.txt"}}, {"carol", {"s.txt"}}};
+    const std::map<std::string, std::set<std::string>> extra = {{"alice", {"s.txt"}},
+                                                                {"bob", {"h.txt", "deep.txt"}},
+                                                                {"carol", {"s.txt"}},
+                                                                {"dave", {"s.txt"}}};
     for (const auto& [user, token] : tokens) {
         SCOPED_TRACE(user);
         std::set<std::string> expected = everyone;
@@ -463,6 +497,234 @@ TEST_P(DocService, UsersSeeAndFetchOnlyWhatTheirGroupsAllow) {
                                           {"class", "EVTLRestServiceError"},
                                           {"message", DocumentNotFoundText}}}}));
             }
+        }
+    }
+}
+
+TEST_P(DocService, ImportThroughTheRecordDetailDecodesAndPlacesEachDocument) {
+    AddContact(kRecord);
+    // Element, then where it lands and what it holds. A number is skipped; an unknown path
+    // creates nothing and puts the document into the record's folder.
+    struct TCase {
+        json Element;
+        std::string Folder, Name, Bytes;
+    };
+    const std::vector<TCase> cases = {
+        {{{"name", "b64.txt"}, {"content", "SGVsbG8="}, {"content--encoding", "Base64"}},
+         "",
+         "b64.txt",
+         "Hello"},
+        {{{"name", "hex.bin"}, {"content", "00ff41"}, {"content--encoding", "hex"}},
+         "",
+         "hex.bin",
+         std::string("\0\xff"
+                     "A",
+                     3)},
+        {{{"name", "plain.txt"}, {"content", "Grüße SGVsbG8="}, {"content--encoding", "base64"}},
+         "",
+         "plain.txt",
+         "Grüße SGVsbG8="},
+        {{{"name", "empty.txt"}, {"path", "Letters,Old"}}, "Old", "empty.txt", ""},
+        {{{"name", "lost.txt"}, {"path", "Letters,Nowhere"}, {"content", "x"}},
+         "",
+         "lost.txt",
+         "x"},
+        {{{"content", "no name"}}, "", "", "no name"},
+    };
+    json items = json::array({42});
+    for (std::size_t i = 0; i < cases.size(); ++i) {
+        items.push_back(cases[i].Element);
+        items.back()["remote_uid"] = "r" + std::to_string(i);
+    }
+    const auto [status, answer] = PutDocuments({{"insert", items}});
+    ASSERT_EQ(status, 200) << answer;
+    // The row, then each document with the client's remote_uid.
+    const json& info = answer["record_info"];
+    ASSERT_EQ(info.size(), cases.size() + 1) << answer;
+    EXPECT_EQ(info[0]["server_uid"], kRecord);
+    const auto docs = Docs();
+    for (std::size_t i = 0; i < cases.size(); ++i) {
+        SCOPED_TRACE(i);
+        const json& row = info[i + 1];
+        EXPECT_EQ(row["remote_uid"], "r" + std::to_string(i));
+        EXPECT_GT(row["dbid"].get<std::int64_t>(), 0);
+        const std::string uid = row["server_uid"];
+        ASSERT_EQ(docs.count(uid), 1u) << answer << List().Info;
+        EXPECT_EQ(docs.at(uid).first, cases[i].Folder);
+        const std::string name = docs.at(uid).second;
+        if (cases[i].Name.empty()) {
+            // The temporary file's name, without its folder.
+            EXPECT_EQ(name.rfind("tmp", 0), 0u) << name;
+            EXPECT_EQ(name.find('/'), std::string::npos) << name;
+        } else {
+            EXPECT_EQ(name, cases[i].Name);
+        }
+        EXPECT_EQ(FetchByUID(uid), cases[i].Bytes);
+    }
+    std::set<std::string> letters;
+    for (const auto& d : List().Info["directories"][0]["directories"])
+        letters.insert(d["name"].get<std::string>());
+    EXPECT_EQ(letters, std::set<std::string>{"Old"});
+    EXPECT_EQ(TempFiles(), std::vector<std::string>{});
+
+    // A failing element ends the import: documents before it stay, none after it is made, and
+    // its temporary file is gone too.
+    const auto [badStatus, bad] =
+        PutDocuments({{"insert",
+                       {{{"name", "kept.txt"}, {"content", "k"}},
+                        {{"name", "odd.bin"}, {"content", "abc"}, {"content--encoding", "hex"}},
+                        {{"name", "never.txt"}, {"content", "n"}}}}});
+    EXPECT_EQ(badStatus, 400) << bad;
+    std::set<std::string> names;
+    CollectNames(List().Info, names);
+    EXPECT_TRUE(names.count("kept.txt"));
+    EXPECT_FALSE(names.count("odd.bin") || names.count("never.txt"));
+    EXPECT_EQ(TempFiles(), std::vector<std::string>{});
+
+    // Forms of the section that carry nothing to insert are ignored; the row is still written.
+    const std::size_t before = Docs().size();
+    for (const json& section :
+         {json::array({items[1]}), json::object(), json{{"update", json::array({items[1]})}},
+          json{{"insert", json::array()}}, json{{"insert", items[1]}}}) {
+        SCOPED_TRACE(section.dump());
+        EXPECT_EQ(PutDocuments(section).first, 200);
+    }
+    EXPECT_EQ(Docs().size(), before);
+}
+
+TEST_P(DocService, ImportSetsRecordFlagsAndWorksWithoutAResultObject) {
+    AddContact(kRecord);
+    // New documents carry the detail's flag types, so a tree loaded with them shows them.
+    TDBRecordFlagsPlugin flags(FHost->GetDBInterface());
+    const std::int64_t web = flags.DefineFlag("docadmindocs", "Web", 1);
+    TVTLCustomRestService::ServiceDataSettings().Add(
+        {1, "record_documents", AllConnectorSessionTypes, 2});
+    const auto [status, answer] =
+        PutDocuments({{"insert", {{{"name", "flagged.txt"}, {"content", "f"}}}}});
+    ASSERT_EQ(status, 200) << answer;
+    EXPECT_TRUE(
+        flags.HasFlag("docadmindocs", answer["record_info"][1]["dbid"].get<std::int64_t>(), web));
+    const auto [readStatus, read] =
+        Records("GET", "/records/contacts/" + kRecord + "?fields=globalrecuid,record_documents");
+    ASSERT_EQ(readStatus, 200) << read;
+    std::set<std::string> names;
+    CollectNames(read["records"][0]["record_documents"], names);
+    EXPECT_EQ(names, std::set<std::string>{"flagged.txt"});
+    TVTLCustomRestService::ServiceDataSettings().Clear();
+
+    // Called directly without a result object: imported all the same, nothing reported.
+    TRestSession session("direct", FAlice, "alice", cstAPIClient);
+    TRestServiceSettings settings;
+    TRestRequestContext context{&session, FHost.get(), nullptr, &settings, nullptr};
+    {
+        TRestRequestContextScope scope(&context);
+        FHost->SetCurrentUser(FAlice);
+        TFinally nobody{[this] { FHost->SetCurrentUser(0); }};
+        TVTLDocumentsRestService service;
+        auto schema = GetSchemaByName(FHost->GetDBFieldSchema(), "contacts");
+        service.ImportRecordDocumentsFromJSONArray(
+            json::array({{{"name", "quiet.txt"}, {"content", "q"}}}), schema.get(), kRecord,
+            nullptr, 0);
+    }
+    session.GetSessionCache().Clear();
+    names.clear();
+    CollectNames(List().Info, names);
+    EXPECT_TRUE(names.count("quiet.txt"));
+}
+
+TEST_P(DocService, RecordDetailOnReading) {
+    AddContact(kRecord);
+    AddContact(kOtherRecord);
+    const std::string target = "/records/contacts/" + kRecord;
+    const auto loads = [this] { return FRepository.Loads.load(); };
+
+    // Not asked for: no key and no tree load, with and without a field list.
+    for (const std::string query : {"", "?fields=name,globalrecuid"}) {
+        const auto [status, body] = Records("GET", target + query);
+        ASSERT_EQ(status, 200) << body;
+        EXPECT_FALSE(body["records"][0].contains("record_documents"));
+    }
+    EXPECT_EQ(loads(), 0);
+
+    // Asked for: the listing of the record under the detail's name; a record without documents
+    // gets an empty object.
+    const auto [status, body] = Records("GET", target + "?fields=globalrecuid,record_documents");
+    ASSERT_EQ(status, 200) << body;
+    EXPECT_EQ(body["records"][0]["record_documents"], List().Info);
+    const auto [otherStatus, other] = Records(
+        "GET", "/records/contacts/" + kOtherRecord + "?fields=globalrecuid,record_documents");
+    ASSERT_EQ(otherStatus, 200) << other;
+    EXPECT_EQ(other["records"][0]["record_documents"], json::object());
+
+    // Without globalrecuid in the field list, also for a record without documents.
+    for (const std::string& record : {kRecord, kOtherRecord}) {
+        const auto [missingStatus, missing] =
+            Records("GET", "/records/contacts/" + record + "?fields=name,record_documents");
+        EXPECT_EQ(missingStatus, 400);
+        EXPECT_EQ(missing["error"]["message"],
+                  "Missing field \"globalrecuid\" (required for detail handler "
+                  "\"record_documents\") in field list!");
+    }
+
+    // A mapping moves the output under its name; writing keeps the detail's own key.
+    TVTLRestAPICustomKRRecordSetServiceImpl::RegisterFieldMapping("contacts", "record_documents",
+                                                                  "files");
+    TFinally unmap{[] {
+        TVTLRestAPICustomKRRecordSetServiceImpl::UnRegisterFieldMapping("contacts",
+                                                                        "record_documents");
+    }};
+    for (const std::string field : {"record_documents", "files"}) {
+        const auto [mappedStatus, mapped] =
+            Records("GET", target + "?fields=globalrecuid," + field);
+        ASSERT_EQ(mappedStatus, 200) << mapped;
+        EXPECT_FALSE(mapped["records"][0].contains("record_documents"));
+        EXPECT_EQ(mapped["records"][0]["files"], body["records"][0]["record_documents"]);
+    }
+    EXPECT_EQ(PutDocuments({{"insert", {{{"name", "m.txt"}, {"content", "m"}}}}}).first, 200);
+    std::set<std::string> names;
+    CollectNames(List().Info, names);
+    EXPECT_TRUE(names.count("m.txt"));
+}
+
+TEST_P(DocService, ImportAccessFollowsTheFoldersRights) {
+    AddContact(kRecord);
+    const std::map<std::string, std::string> tokens = {{"alice", FToken},
+                                                       {"bob", Login("bob")},
+                                                       {"carol", Login("carol")},
+                                                       {"dave", Login("dave")}};
+    // User, target path, HTTP status, folder the document lands in ("" the record's folder,
+    // "-" nowhere). A folder the user can't see is an unknown path; one the user may only read
+    // refuses; a read-only user writes nothing.
+    struct TCase {
+        const char* User;
+        const char* Path;
+        int Status;
+        const char* Folder;
+    };
+    const std::vector<TCase> cases = {
+        {"alice", "Sales", 200, "Sales"}, {"alice", "HR", 200, ""},     {"bob", "HR", 200, "HR"},
+        {"bob", "Sales", 200, ""},        {"carol", "Sales", 403, "-"}, {"carol", "", 403, "-"},
+        {"dave", "Sales", 403, "-"},      {"dave", "", 200, ""},
+    };
+    for (std::size_t i = 0; i < cases.size(); ++i) {
+        const TCase& c = cases[i];
+        SCOPED_TRACE(std::string(c.User) + " into \"" + c.Path + "\"");
+        const std::string name = "in" + std::to_string(i) + ".txt";
+        const auto [status, body] =
+            PutDocuments({{"insert", {{{"name", name}, {"path", c.Path}, {"content", "secret"}}}}},
+                         tokens.at(c.User));
+        EXPECT_EQ(status, c.Status) << body;
+        // Alice and bob between them see every folder.
+        std::map<std::string, std::string> where;
+        for (const auto& token : {FToken, tokens.at("bob")})
+            for (const auto& [uid, doc] : Docs(token))
+                where[doc.second] = doc.first;
+        if (std::string(c.Folder) == "-") {
+            EXPECT_EQ(where.count(name), 0u);
+            EXPECT_EQ(body.dump().find("HR"), std::string::npos);
+        } else {
+            ASSERT_EQ(where.count(name), 1u);
+            EXPECT_EQ(where[name], c.Folder);
         }
     }
 }
