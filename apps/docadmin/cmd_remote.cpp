@@ -123,6 +123,13 @@ std::string ShortDate(const TJson& AValue) {
     return s;
 }
 
+// The array under AKey of a listing level, or an empty one.
+const TJson& Items(const TJson& ALevel, const char* AKey) {
+    static const TJson none = TJson::array();
+    const auto it = ALevel.find(AKey);
+    return it != ALevel.end() && it->is_array() ? *it : none;
+}
+
 struct TreeLine {
     std::string Name;  // indented
     std::string Size, Version, Modified, Created, ID;
@@ -130,13 +137,13 @@ struct TreeLine {
 
 void CollectTree(const TJson& ALevel, int ADepth, std::vector<TreeLine>& ALines) {
     const std::string indent(static_cast<std::size_t>(ADepth) * 2, ' ');
-    for (const TJson& d : ALevel.value("directories", TJson::array())) {
+    for (const TJson& d : Items(ALevel, "directories")) {
         ALines.push_back({indent + PrintableText(d.value("name", "")) + "/", "", "", "",
                           ShortDate(d.value("createdate", TJson())),
                           std::to_string(d.value("server_dbid", std::int64_t{0}))});
         CollectTree(d, ADepth + 1, ALines);
     }
-    for (const TJson& f : ALevel.value("documents", TJson::array()))
+    for (const TJson& f : Items(ALevel, "documents"))
         ALines.push_back({indent + PrintableText(f.value("name", "")),
                           std::to_string(f.value("size", std::int64_t{0})),
                           PrintableText(f.value("version", "")),
@@ -174,19 +181,19 @@ void PrintTree(const TJson& ARoot) {
 // A document of the listing by ID or by its path of folder and document names.
 const TJson* FindDocument(const TJson& ALevel, std::int64_t AID, const std::string& APath) {
     if (AID >= 0) {
-        for (const TJson& f : ALevel.value("documents", TJson::array()))
+        for (const TJson& f : Items(ALevel, "documents"))
             if (f.value("server_dbid", std::int64_t{-1}) == AID) return &f;
-        for (const TJson& d : ALevel.value("directories", TJson::array()))
+        for (const TJson& d : Items(ALevel, "directories"))
             if (const TJson* hit = FindDocument(d, AID, APath)) return hit;
         return nullptr;
     }
     const std::size_t slash = APath.find('/');
     if (slash == std::string::npos) {
-        for (const TJson& f : ALevel.value("documents", TJson::array()))
+        for (const TJson& f : Items(ALevel, "documents"))
             if (f.value("name", "") == APath) return &f;
         return nullptr;
     }
-    for (const TJson& d : ALevel.value("directories", TJson::array()))
+    for (const TJson& d : Items(ALevel, "directories"))
         if (d.value("name", "") == APath.substr(0, slash))
             if (const TJson* hit = FindDocument(d, AID, APath.substr(slash + 1))) return hit;
     return nullptr;
@@ -196,7 +203,7 @@ bool FolderExists(const TJson& ALevel, const std::string& APath) {
     if (APath.empty()) return true;
     const std::size_t slash = APath.find('/');
     const std::string head = APath.substr(0, slash);
-    for (const TJson& d : ALevel.value("directories", TJson::array()))
+    for (const TJson& d : Items(ALevel, "directories"))
         if (d.value("name", "") == head &&
             FolderExists(d, slash == std::string::npos ? "" : APath.substr(slash + 1)))
             return true;

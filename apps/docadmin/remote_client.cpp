@@ -258,8 +258,8 @@ TJson TRemoteClient::CallDocumentStore(const std::string& AMethod, const TJson& 
     } catch (const ERemoteError& e) {
         // The server's answer to a route it doesn't have.
         if (e.Status() == 404)
-            throw ERemoteError(404, "The server publishes no documents service (" +
-                                        std::string(e.what()) + ")");
+            throw ERemoteError(
+                404, "The server publishes no documents service (" + std::string(e.what()) + ")");
         throw;
     }
     TJson j;
