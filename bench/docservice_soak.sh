@@ -33,8 +33,8 @@ for r in $(seq 8); do
     (cd "$work/src$r" && sha256sum */*.bin) |
         awk -v rec="$record" -v last="$([[ $r == 8 ]] && echo 1)" '
             BEGIN { printf "\"%s\": {", rec }
-            { n = split($2, p, "/"); printf "%s\"%s\": \"%s\"", NR > 1 ? ", " : "", p[n], $1 }
-            END { printf "}%s\n", last ? "" : "," }' >>"$work/seeds.json"
+            { n = split($2, p, "/"); printf "%s\"%s\": \"%s\"", (NR > 1 ? ", " : ""), p[n], $1 }
+            END { printf "}%s\n", (last ? "" : ",") }' >>"$work/seeds.json"
 done
 echo '}' >>"$work/seeds.json"
 
