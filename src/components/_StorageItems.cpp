@@ -628,6 +628,9 @@ void TDocDirectoryRoot::LoadRoot() {
         d->SetCreaID(admin->CurrentUserID());
         d->SetChangeDate(d->CreaDate());
         d->SetChangeID(d->CreaID());
+        // Nothing to read for a folder made here.
+        d->SetLoadingState(lsDocumentsLoaded);
+        d->SetLoadingState(lsChildDirectoriesLoaded);
         return d;
     };
 

@@ -113,11 +113,11 @@ class DocService : public TRestServerFixture, public ::testing::WithParamInterfa
         FOldTemp.empty() ? ::unsetenv("TMPDIR") : ::setenv("TMPDIR", FOldTemp.c_str(), 1);
         std::filesystem::remove_all(FTemp);
     }
-    // The files in the temporary folder.
+    // The files in the temporary folder, beside the test's data folder (which is there too).
     std::vector<std::string> TempFiles() const {
         std::vector<std::string> r;
-        for (const auto& f : std::filesystem::recursive_directory_iterator(FTemp))
-            r.push_back(f.path().filename().string());
+        for (const auto& f : std::filesystem::directory_iterator(FTemp))
+            if (f.path() != FDir) r.push_back(f.path().filename().string());
         return r;
     }
 
@@ -341,6 +341,13 @@ TEST_P(DocService, SessionKeepsOneRootAndReloadsOnlyWhenTheArgumentsChange) {
     EXPECT_EQ(bad.Info["error"]["message"], "SchemaName \"nosuchschema\" not found");
     ASSERT_TRUE(ByID("root.txt", R"({"size":1})").Result);
     EXPECT_EQ(loads(), 7);
+
+    // Once the module's shutdown has begun, a tree request is refused.
+    SetDocumentsServiceRepository(nullptr);
+    const TAnswer shutdown = List();
+    EXPECT_FALSE(shutdown.Result);
+    EXPECT_EQ(shutdown.Status(), 500);
+    EXPECT_EQ(shutdown.Info["error"]["message"], "Service is in shutdown state!");
 }
 
 // One chunk call and what it must answer.
@@ -483,9 +490,13 @@ TEST_P(DocService, UsersSeeAndFetchOnlyWhatTheirGroupsAllow) {
         CollectNames(List(kRecord, token).Info, listed);
         EXPECT_EQ(listed, expected);
         for (const std::string doc : {"root.txt", "s.txt", "h.txt", "deep.txt"}) {
-            for (const bool byUID : {false, true}) {
-                SCOPED_TRACE(doc + (byUID ? " by UID" : " by ID"));
-                const TAnswer a = byUID ? ByUID(doc, "", token) : ByID(doc, "", token);
+            // Each download method: by ID and by UID, plain and with options.
+            for (const int method : {0, 1, 2, 3}) {
+                const bool byUID = method & 1;
+                const std::string options = method & 2 ? R"({"unknown":1})" : "";
+                SCOPED_TRACE(doc + (byUID ? " by UID" : " by ID") + options);
+                const TAnswer a =
+                    byUID ? ByUID(doc, "", token, options) : ByID(doc, "", token, options);
                 if (expected.count(doc)) {
                     EXPECT_TRUE(a.Result) << a.Info;
                     EXPECT_EQ(a.Content(), FDocs[doc].Bytes);
@@ -562,13 +573,13 @@ TEST_P(DocService, ImportThroughTheRecordDetailDecodesAndPlacesEachDocument) {
         EXPECT_EQ(FetchByUID(uid), cases[i].Bytes);
     }
     std::set<std::string> letters;
-    for (const auto& d : List().Info["directories"][0]["directories"])
+    const json listing = List().Info;
+    for (const auto& d : listing["directories"][0]["directories"])
         letters.insert(d["name"].get<std::string>());
     EXPECT_EQ(letters, std::set<std::string>{"Old"});
     EXPECT_EQ(TempFiles(), std::vector<std::string>{});
 
-    // A failing element ends the import: documents before it stay, none after it is made, and
-    // its temporary file is gone too.
+    // A failing element ends the import: documents before it stay, none after it is made.
     const auto [badStatus, bad] =
         PutDocuments({{"insert",
                        {{{"name", "kept.txt"}, {"content", "k"}},
@@ -590,6 +601,22 @@ TEST_P(DocService, ImportThroughTheRecordDetailDecodesAndPlacesEachDocument) {
         EXPECT_EQ(PutDocuments(section).first, 200);
     }
     EXPECT_EQ(Docs().size(), before);
+
+    // A new row carries documents as well.
+    const std::string fresh = "{0D0C5E41-0000-4000-8000-000000000003}";
+    const auto [newStatus, created] =
+        Records("POST", "/records/contacts",
+                {{"globalrecuid", fresh},
+                 {"name", "New"},
+                 {"record_documents",
+                  {{"insert", {{{"name", "n.txt"}, {"content", "new"}, {"remote_uid", "n"}}}}}}});
+    ASSERT_EQ(newStatus, 201) << created;
+    ASSERT_EQ(created["record_info"].size(), 2u);
+    EXPECT_EQ(created["record_info"][1]["remote_uid"], "n");
+    EXPECT_EQ(FetchByUID(created["record_info"][1]["server_uid"]), "new");
+    std::set<std::string> freshNames;
+    CollectNames(List(fresh).Info, freshNames);
+    EXPECT_EQ(freshNames, std::set<std::string>{"n.txt"});
 }
 
 TEST_P(DocService, ImportSetsRecordFlagsAndWorksWithoutAResultObject) {
@@ -714,6 +741,7 @@ TEST_P(DocService, ImportAccessFollowsTheFoldersRights) {
             PutDocuments({{"insert", {{{"name", name}, {"path", c.Path}, {"content", "secret"}}}}},
                          tokens.at(c.User));
         EXPECT_EQ(status, c.Status) << body;
+        EXPECT_EQ(TempFiles(), std::vector<std::string>{});  // also after a refusal
         // Alice and bob between them see every folder.
         std::map<std::string, std::string> where;
         for (const auto& token : {FToken, tokens.at("bob")})

@@ -6,6 +6,7 @@
 #include "_DocAdminStorageUIDs.h"
 #include "_HostLog.h"
 #include "_TVTLFrameworkScriptGlobalFunctions.h"
+#include "_VTLDocumentsRestService.h"
 #include "plugin_fixtures.h"
 
 using namespace docadmin;
@@ -72,10 +73,21 @@ TEST_P(ModuleMain, ServerAndToolStartAlikeAndTheEndUndoesTheRegistrations) {
         EXPECT_EQ(api.Caption, "Documents Services");
         EXPECT_EQ(api.Identifier, "{7291FAEA-36AF-4E36-92A0-BFE1C4368A73}");
         EXPECT_EQ(api.APIRoot, "services");
+        // Item 0 is the documents service; any other index gets nothing.
         TRestServiceClass cls;
         TInterfaceTypeList list = {nullptr};
         main.VTLBIAPIClient()->OnGetAPIService(main.VTLBIAPIClient(), api, cls, list);
+        ASSERT_EQ(list.size(), 1u);
+        EXPECT_EQ(list[0]->Name, "IDocumentStore");
+        ASSERT_TRUE(cls);
+        EXPECT_NE(dynamic_cast<IDocumentStore*>(cls().get()), nullptr);
+        TVTLBIAPIItem other = api;
+        other.Index = 1;
+        list = {nullptr};
+        main.VTLBIAPIClient()->OnGetAPIService(main.VTLBIAPIClient(), other, cls, list);
         EXPECT_TRUE(list.empty());
+
+        EXPECT_EQ(DocumentsServiceRepository(), &ModuleDocumentsServiceRepository());
 
         // Icon settings: defaults where nothing stood.
         EXPECT_EQ(FHost->LocalSettings().ReadString("DocAdmin", "IconPath", ""),
@@ -93,6 +105,7 @@ TEST_P(ModuleMain, ServerAndToolStartAlikeAndTheEndUndoesTheRegistrations) {
         EXPECT_FALSE(TKRACLDataTableController::FindTable("docadmindocs", t));
         EXPECT_EQ(TdmDocAdminMain::Instance(), nullptr);
         EXPECT_EQ(TdmDocAdminRepository::Instance(), nullptr);
+        EXPECT_EQ(DocumentsServiceRepository(), nullptr);
     }
 }
 
