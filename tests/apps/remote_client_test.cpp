@@ -117,6 +117,10 @@ struct TCase {
     int Status = -1;                      // the failure's status; -1 for success
 };
 
+void PrintTo(const TCase& ACase, std::ostream* AOut) {
+    *AOut << ACase.Name;
+}
+
 class RemoteDownload : public ::testing::TestWithParam<TCase> {};
 
 TEST_P(RemoteDownload, PagesResumesAndFails) {
