@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cstring>
 #include <mutex>
+#include <string_view>
 #include <thread>
 
 namespace docadmin::app {
@@ -21,6 +23,27 @@ void GlobalCurlInit() {
 
 std::size_t AppendBody(char* AData, std::size_t ASize, std::size_t ACount, void* AUser) {
     static_cast<std::string*>(AUser)->append(AData, ASize * ACount);
+    return ASize * ACount;
+}
+
+// Room for the whole body once its length is known, so that a chunk of megabytes is not copied
+// over and over while it grows.
+std::size_t ReserveBody(char* AData, std::size_t ASize, std::size_t ACount, void* AUser) {
+    const std::string_view line(AData, ASize * ACount);
+    constexpr std::string_view key = "content-length:";
+    if (line.size() > key.size() &&
+        std::equal(key.begin(), key.end(), line.begin(), [](char a, char b) {
+            return a == std::tolower(static_cast<unsigned char>(b));
+        })) {
+        std::int64_t n = 0;
+        std::string digits(line.substr(key.size()));
+        while (!digits.empty() && std::isspace(static_cast<unsigned char>(digits.back())))
+            digits.pop_back();
+        while (!digits.empty() && std::isspace(static_cast<unsigned char>(digits.front())))
+            digits.erase(0, 1);
+        if (TryStrToInt64(digits, n) && n > 0 && n < (std::int64_t{1} << 31))
+            static_cast<std::string*>(AUser)->reserve(static_cast<std::size_t>(n));
+    }
     return ASize * ACount;
 }
 
@@ -157,6 +180,8 @@ TRemoteClient::TAnswer TRemoteClient::Send(const std::string& AMethod, const std
     curl_easy_setopt(c, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(ABody.size()));
     curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, AppendBody);
     curl_easy_setopt(c, CURLOPT_WRITEDATA, &a.Body);
+    curl_easy_setopt(c, CURLOPT_HEADERFUNCTION, ReserveBody);
+    curl_easy_setopt(c, CURLOPT_HEADERDATA, &a.Body);
     curl_easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(c, CURLOPT_CONNECTTIMEOUT_MS,
                      static_cast<long>(FOptions.ConnectTimeout.count()));
