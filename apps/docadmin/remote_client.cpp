@@ -374,7 +374,10 @@ TDownloadResult TRemoteClient::Download(const TDownloadRequest& ARequest, TDownl
     const std::int64_t expected = ARequest.Format.empty() ? ARequest.ExpectedSize : -1;
     const auto start = std::chrono::steady_clock::now();
     std::int64_t position = 0;
-    int failures = 0;  // in a row
+    // Failures since the download last got further than ever before: a converted download that
+    // starts again from 0 doesn't earn fresh attempts by repeating chunks it had already.
+    int failures = 0;
+    std::int64_t furthest = 0;
     for (;;) {
         TJson info;
         std::string bytes;
@@ -398,7 +401,10 @@ TDownloadResult TRemoteClient::Download(const TDownloadRequest& ARequest, TDownl
             }
             continue;
         }
-        failures = 0;
+        if (position + static_cast<std::int64_t>(bytes.size()) > furthest) {
+            failures = 0;
+            furthest = position + static_cast<std::int64_t>(bytes.size());
+        }
         // Not worth a retry: the document changed since it was listed.
         if (expected >= 0 && position + static_cast<std::int64_t>(bytes.size()) > expected)
             throw Exception("The document is larger than listed (" + std::to_string(expected) +

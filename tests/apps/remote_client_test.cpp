@@ -183,6 +183,15 @@ INSTANTIATE_TEST_SUITE_P(
         TCase{"SessionEnded", 10, 4, -2, "", {{2, F::SessionEnded}}, {0, 4, 4, 8}},
         // A converted download starts again from 0.
         TCase{"ConvertedRestarts", 10, 4, -1, ".pdf", {{2, F::Status500}}, {0, 4, 0, 4, 8}},
+        // Starting again doesn't renew the attempts of a chunk that keeps failing.
+        TCase{"ConvertedGivesUp",
+              10,
+              4,
+              -1,
+              ".pdf",
+              {{2, F::Status500}, {4, F::Status500}, {6, F::Status500}},
+              {0, 4, 0, 4, 0, 4},
+              500},
         // Not retried: a refusal; retried a bounded number of times: a failing server.
         TCase{"NotFound", 10, 4, -2, "", {{2, F::NotFound}}, {0, 4}, 404},
         TCase{"GivesUp",
