@@ -16,6 +16,7 @@
 #include <memory>
 #include <thread>
 
+#include "_DBBackend.h"
 #include "_MainThreadQueue.h"
 #include "_TVTLBIAPIClient.h"
 #include "_TVTLRestServer.h"
@@ -44,20 +45,30 @@ class THostInfoService : public TVTLCustomRestService {
         AEcho = AText;
         AUser = CurrentSession() ? CurrentSession()->GetUserName() : std::string();
     }
+    // Statements sent to the database by this process so far (what a call costs, for benches).
+    void Statistics(std::int64_t& AStatements) {
+        CheckAndSimulateMethodeError();
+        AStatements = static_cast<std::int64_t>(DBStatementCount());
+    }
 };
 
 const TAPIInterfaceType& HostInfoInterface() {
-    static const TAPIInterfaceType intf{"IHostInfo",
-                                        TGUID::Parse("{8B1D5E2A-7C44-4F0B-A3E9-61D2C5F08A17}"),
-                                        {{"Ping",
-                                          {{"Text", TAPIParamKind::pkString, false},
-                                           {"Echo", TAPIParamKind::pkString, true},
-                                           {"User", TAPIParamKind::pkString, true}},
-                                          [](TVTLCustomRestService& s, TAPICallArgs& a) {
-                                              static_cast<THostInfoService&>(s).Ping(
-                                                  a.Str("Text"), a.OutStr("Echo"),
-                                                  a.OutStr("User"));
-                                          }}}};
+    static const TAPIInterfaceType intf{
+        "IHostInfo",
+        TGUID::Parse("{8B1D5E2A-7C44-4F0B-A3E9-61D2C5F08A17}"),
+        {{"Ping",
+          {{"Text", TAPIParamKind::pkString, false},
+           {"Echo", TAPIParamKind::pkString, true},
+           {"User", TAPIParamKind::pkString, true}},
+          [](TVTLCustomRestService& s, TAPICallArgs& a) {
+              static_cast<THostInfoService&>(s).Ping(a.Str("Text"), a.OutStr("Echo"),
+                                                     a.OutStr("User"));
+          }},
+         {"Statistics",
+          {{"Statements", TAPIParamKind::pkInt64, true}},
+          [](TVTLCustomRestService& s, TAPICallArgs& a) {
+              static_cast<THostInfoService&>(s).Statistics(a.OutInt("Statements"));
+          }}}};
     return intf;
 }
 
