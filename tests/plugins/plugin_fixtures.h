@@ -23,6 +23,7 @@
 #include "_dmDocAdminMain.h"
 #include "_dmDocAdminRepository.h"
 #include "host/db/db_test_support.h"
+#include "host/runtime/test_main_interface.h"
 
 extern "C" void InitProc(docadmin::TClientPluginBase** APlugin);
 
@@ -108,7 +109,7 @@ class TModuleRun {
 };
 
 // A host without a database: the answers of the store choice, and a local store folder.
-class TChoiceMain : public IMainInterface, public IVantrelDatabaseRepository {
+class TChoiceMain : public TTestMainInterface, public IVantrelDatabaseRepository {
   public:
     HRESULT QueryInterface(const TGUID& iid, void** obj) override {
         *obj = iid == IMainInterface::IID || iid == IInterface::IID
@@ -118,15 +119,7 @@ class TChoiceMain : public IMainInterface, public IVantrelDatabaseRepository {
     }
     std::int32_t _AddRef() override { return -1; }
     std::int32_t _Release() override { return -1; }
-    IDBFieldSchema* GetDBFieldSchema() override { return nullptr; }
-    IDBInterface* GetDBInterface() override { return nullptr; }
     IVantrelDatabaseRepository* GetDatabaseRepository() override { return this; }
-    ISettingsStorage* GetUserSettings() override { return nullptr; }
-    ISettingsStorage* GetGlobalSettings() override { return nullptr; }
-    ISettingsStorage* GetLocalSettings() override { return nullptr; }
-    ICustomApp* GetCustomApp() override { return nullptr; }
-    IUserAccess* GetUserAccess() override { return nullptr; }
-    ICurrentUser* GetCurrentUser() override { return nullptr; }
     std::uint8_t RunMode() override { return Mode; }
     IServerConnection* GetServerConnection() override {
         return HasConnection ? &Connection : nullptr;

@@ -11,6 +11,7 @@
 #include "_DocAdminStoreUpdate.h"
 #include "_TDBSettingsStorage.h"
 #include "host/db/db_test_support.h"
+#include "host/runtime/test_main_interface.h"
 
 namespace docadmin {
 namespace {
@@ -28,7 +29,7 @@ const std::tuple<const char*, int, int> kTagCases[] = {
 
 // The host as the migration sees it: the database, its real global settings and a progress
 // display, the last two recording what they are asked into one log.
-class TMigrateHost : public IMainInterface, public ISettingsStorage, public IProgress {
+class TMigrateHost : public test::TTestMainInterface, public ISettingsStorage, public IProgress {
   public:
     explicit TMigrateHost(IDBInterface* ADB) : DB(ADB), Settings(ADB) {}
 
@@ -46,13 +47,7 @@ class TMigrateHost : public IMainInterface, public ISettingsStorage, public IPro
         return const_cast<IDBFieldSchema*>(DB->GetFieldSchema());
     }
     IDBInterface* GetDBInterface() override { return DB; }
-    IVantrelDatabaseRepository* GetDatabaseRepository() override { return nullptr; }
-    ISettingsStorage* GetUserSettings() override { return nullptr; }
     ISettingsStorage* GetGlobalSettings() override { return this; }
-    ISettingsStorage* GetLocalSettings() override { return nullptr; }
-    ICustomApp* GetCustomApp() override { return nullptr; }
-    IUserAccess* GetUserAccess() override { return nullptr; }
-    ICurrentUser* GetCurrentUser() override { return nullptr; }
     std::uint8_t RunMode() override { return 3; }
     IProgress* GetProgress() override { return WithProgress ? this : nullptr; }
 
