@@ -16,6 +16,7 @@
 #include <memory>
 #include <thread>
 
+#include "_BufferPool.h"
 #include "_DBBackend.h"
 #include "_MainThreadQueue.h"
 #include "_TVTLBIAPIClient.h"
@@ -90,6 +91,7 @@ void RunMainThreadQueue(int ATimeoutMs) {
 }
 
 void RunServe(const TServeOptions& o) {
+    UseServerHeapSettings();
     // The signals are taken by sigtimedwait below; every thread started from here (the host's,
     // the plug-ins' and their jobs') inherits the mask, so none of them is ended by a signal.
     sigset_t signals;

@@ -6,9 +6,12 @@
 #include <array>
 #include <cctype>
 #include <cstring>
+#include <future>
 #include <mutex>
 #include <string_view>
 #include <thread>
+
+#include "_Tools.h"
 
 namespace docadmin::app {
 
@@ -47,16 +50,6 @@ std::size_t ReserveBody(char* AData, std::size_t ASize, std::size_t ACount, void
     return ASize * ACount;
 }
 
-// -1 for a character outside the alphabet.
-constexpr std::array<signed char, 256> kBase64Values = [] {
-    std::array<signed char, 256> t{};
-    t.fill(-1);
-    const char* alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    for (int i = 0; i < 64; ++i)
-        t[static_cast<unsigned char>(alphabet[i])] = static_cast<signed char>(i);
-    return t;
-}();
-
 std::size_t SkipSpace(const std::string& s, std::size_t pos) {
     while (pos < s.size() && (s[pos] == ' ' || s[pos] == '\t' || s[pos] == '\n' || s[pos] == '\r'))
         ++pos;
@@ -64,31 +57,6 @@ std::size_t SkipSpace(const std::string& s, std::size_t pos) {
 }
 
 }  // namespace
-
-std::string DecodeBase64Strict(const char* AText, std::size_t ALength) {
-    if (ALength % 4 != 0) throw EConvertError("Base64 text of a length that is no multiple of 4");
-    std::size_t pad = 0;
-    if (ALength > 0 && AText[ALength - 1] == '=') ++pad;
-    if (ALength > 1 && AText[ALength - 2] == '=') ++pad;
-    std::string out(ALength / 4 * 3 - pad, '\0');
-    char* o = out.data();
-    const auto* in = reinterpret_cast<const unsigned char*>(AText);
-    for (std::size_t i = 0; i < ALength; i += 4) {
-        const bool last = i + 4 == ALength;
-        const int a = kBase64Values[in[i]];
-        const int b = kBase64Values[in[i + 1]];
-        const int c = last && pad >= 2 ? 0 : kBase64Values[in[i + 2]];
-        const int d = last && pad >= 1 ? 0 : kBase64Values[in[i + 3]];
-        if ((a | b | c | d) < 0) throw EConvertError("A character outside the Base64 alphabet");
-        const std::uint32_t v =
-            (static_cast<std::uint32_t>(a) << 18) | (static_cast<std::uint32_t>(b) << 12) |
-            (static_cast<std::uint32_t>(c) << 6) | static_cast<std::uint32_t>(d);
-        *o++ = static_cast<char>(v >> 16);
-        if (!last || pad < 2) *o++ = static_cast<char>((v >> 8) & 0xFF);
-        if (!last || pad < 1) *o++ = static_cast<char>(v & 0xFF);
-    }
-    return out;
-}
 
 std::string ServerErrorMessage(const std::string& ABody) {
     try {
@@ -105,13 +73,20 @@ std::string ServerErrorMessage(const std::string& ABody) {
     return ABody.size() > 200 ? ABody.substr(0, 200) + "..." : ABody;
 }
 
-TJson SplitChunkAnswer(std::string ABody, std::string& AContent) {
-    AContent.clear();
+TJson SplitChunkAnswer(std::string& ABody, std::string& ABytes) {
+    ABytes.clear();
     // Cut the content string out; Base64 holds no quote or backslash, so its end is the next
     // quote. The parse below confirms that the cut was at ResultInfo's "content".
     bool cut = false;
     const std::size_t info = ABody.find("\"ResultInfo\"");
     std::size_t key = info == std::string::npos ? info : ABody.find("\"content\"", info);
+    auto decode = [&](const char* AText, std::size_t ALength) {
+        try {
+            Base64DecodeStrict(AText, ALength, ABytes);
+        } catch (const EConvertError& e) {
+            throw ERemoteError(0, std::string("The chunk's content is damaged: ") + e.what());
+        }
+    };
     if (key != std::string::npos) {
         std::size_t p = SkipSpace(ABody, key + 9);
         if (p < ABody.size() && ABody[p] == ':') {
@@ -120,7 +95,7 @@ TJson SplitChunkAnswer(std::string ABody, std::string& AContent) {
                 const std::size_t end = ABody.find('"', p + 1);
                 if (end != std::string::npos &&
                     std::memchr(ABody.data() + p + 1, '\\', end - p - 1) == nullptr) {
-                    AContent.assign(ABody, p + 1, end - p - 1);
+                    decode(ABody.data() + p + 1, end - p - 1);
                     ABody.erase(p + 1, end - p - 1);
                     cut = true;
                 }
@@ -139,8 +114,8 @@ TJson SplitChunkAnswer(std::string ABody, std::string& AContent) {
     TJson& r = j["ResultInfo"];
     if (r.contains("content")) {
         if (!r["content"].is_string()) throw ERemoteError(0, "The chunk's content is no text");
-        if (!cut || !r["content"].get_ref<const std::string&>().empty())
-            AContent = r["content"].get<std::string>();  // the cut missed: take the parsed text
+        const std::string& text = r["content"].get_ref<const std::string&>();
+        if (!cut || !text.empty()) decode(text.data(), text.size());  // the cut missed
         r.erase("content");
     } else if (cut) {
         throw ERemoteError(0, "The server's answer is not a chunk");
@@ -150,8 +125,10 @@ TJson SplitChunkAnswer(std::string ABody, std::string& AContent) {
 
 struct TRemoteClient::TImpl {
     CURL* Curl = nullptr;
+    CURL* Ahead = nullptr;  // the request for the next chunk, on a thread of its own
     ~TImpl() {
         if (Curl) curl_easy_cleanup(Curl);
+        if (Ahead) curl_easy_cleanup(Ahead);
     }
 };
 
@@ -163,16 +140,22 @@ TRemoteClient::TRemoteClient(std::string ABaseURL, TRemoteClientOptions AOptions
         throw ERemoteError(0, "The server URL must start with http:// or https://");
     GlobalCurlInit();
     FImpl->Curl = curl_easy_init();
-    if (!FImpl->Curl) throw ERemoteError(0, "libcurl could not be set up");
+    FImpl->Ahead = curl_easy_init();
+    if (!FImpl->Curl || !FImpl->Ahead) throw ERemoteError(0, "libcurl could not be set up");
 }
 
 TRemoteClient::~TRemoteClient() = default;
 
 TRemoteClient::TAnswer TRemoteClient::Send(const std::string& AMethod, const std::string& APath,
-                                           const std::string& ABody) {
-    CURL* c = FImpl->Curl;
+                                           const std::string& ABody, std::string* ABuffer,
+                                           bool AAhead) {
+    CURL* c = AAhead ? FImpl->Ahead : FImpl->Curl;
     curl_easy_reset(c);
     TAnswer a;
+    if (ABuffer) {
+        a.Body = std::move(*ABuffer);
+        a.Body.clear();
+    }
     const std::string url = FBaseURL + APath;
     curl_easy_setopt(c, CURLOPT_URL, url.c_str());
     curl_easy_setopt(c, CURLOPT_CUSTOMREQUEST, AMethod.c_str());
@@ -183,6 +166,7 @@ TRemoteClient::TAnswer TRemoteClient::Send(const std::string& AMethod, const std
     curl_easy_setopt(c, CURLOPT_HEADERFUNCTION, ReserveBody);
     curl_easy_setopt(c, CURLOPT_HEADERDATA, &a.Body);
     curl_easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(c, CURLOPT_BUFFERSIZE, 256L * 1024);  // fewer, larger pieces of big chunks
     curl_easy_setopt(c, CURLOPT_CONNECTTIMEOUT_MS,
                      static_cast<long>(FOptions.ConnectTimeout.count()));
     curl_easy_setopt(c, CURLOPT_LOW_SPEED_LIMIT, 1L);
@@ -235,8 +219,9 @@ void TRemoteClient::Logout() {
 
 TRemoteClient::TAnswer TRemoteClient::SendInSession(const std::string& AMethod,
                                                     const std::string& APath,
-                                                    const std::string& ABody) {
-    TAnswer a = Send(AMethod, APath, ABody);
+                                                    const std::string& ABody,
+                                                    std::string* ABuffer) {
+    TAnswer a = Send(AMethod, APath, ABody, ABuffer);
     if (a.Status == 401 && !FUser.empty()) {
         // The session ended on the server; a new one with the same credentials.
         try {
@@ -245,7 +230,7 @@ TRemoteClient::TAnswer TRemoteClient::SendInSession(const std::string& AMethod,
             throw ERemoteError(
                 401, "The session expired, and a new login failed: " + std::string(e.what()));
         }
-        a = Send(AMethod, APath, ABody);
+        a = Send(AMethod, APath, ABody, &a.Body);
         if (a.Status == 401)
             throw ERemoteError(401, "The session expired: " + ServerErrorMessage(a.Body));
     }
@@ -328,15 +313,14 @@ TJson TRemoteClient::InsertRecordDocuments(const std::string& ASchemaName,
     }
 }
 
-std::string TRemoteClient::FetchChunk(const TDownloadRequest& ARequest, std::int64_t APosition,
-                                      TJson& AInfo) {
+std::string TRemoteClient::ChunkRequest(const TDownloadRequest& ARequest, std::int64_t APosition,
+                                        std::string& AMethod) {
     TJson params;
-    std::string method;
     if (!ARequest.DocumentUID.empty()) {
-        method = "DownloadDocument";
+        AMethod = "DownloadDocument";
         params["DocumentUID"] = ARequest.DocumentUID;
     } else {
-        method = "DownloadRecordDocument";
+        AMethod = "DownloadRecordDocument";
         params["StorageUID"] = ARequest.StorageUID;
         params["SchemaName"] = ARequest.SchemaName;
         params["RecordUID"] = ARequest.RecordUID;
@@ -344,26 +328,46 @@ std::string TRemoteClient::FetchChunk(const TDownloadRequest& ARequest, std::int
     }
     params["Chunk"] = {{"position", APosition}, {"size", ARequest.ChunkSize}};
     if (!ARequest.Format.empty()) {
-        method += "Ex";
+        AMethod += "Ex";
         params["Options"] = {{"format", ARequest.Format}};
     }
-    TAnswer a = SendInSession("POST", kDocumentStorePath + method, params.dump());
-    std::string content;
-    AInfo = ServiceResult(SplitChunkAnswer(std::move(a.Body), content));
-    std::string bytes;
-    try {
-        bytes = DecodeBase64Strict(content.data(), content.size());
-    } catch (const EConvertError& e) {
-        throw ERemoteError(0, std::string("The chunk's content is damaged: ") + e.what());
-    }
+    return params.dump();
+}
+
+void TRemoteClient::FetchChunk(const TDownloadRequest& ARequest, std::int64_t APosition,
+                               TJson& AInfo, std::string& ABytes) {
+    std::string method;
+    const std::string body = ChunkRequest(ARequest, APosition, method);
+    // The answer's text and the decoded bytes keep their buffers from chunk to chunk.
+    TAnswer a = SendInSession("POST", kDocumentStorePath + method, body, &FChunkBody);
+    TFinally keep{[&] { FChunkBody = std::move(a.Body); }};
+    ReadChunkAnswer(ARequest, APosition, a, AInfo, ABytes);
+}
+
+std::future<TRemoteClient::TAnswer> TRemoteClient::FetchAhead(const TDownloadRequest& ARequest,
+                                                              std::int64_t APosition) {
+    std::string method;
+    std::string body = ChunkRequest(ARequest, APosition, method);
+    return std::async(std::launch::async,
+                      [this, path = kDocumentStorePath + method, body = std::move(body)] {
+                          return Send("POST", path, body, &FAheadBody, true);
+                      });
+}
+
+void TRemoteClient::ReadChunkAnswer(const TDownloadRequest& ARequest, std::int64_t APosition,
+                                    TAnswer& AAnswer, TJson& AInfo, std::string& ABytes) {
+    if (AAnswer.Status >= 400)
+        throw ERemoteError(static_cast<int>(AAnswer.Status),
+                           "The server answered " + std::to_string(AAnswer.Status) + ": " +
+                               ServerErrorMessage(AAnswer.Body));
+    AInfo = ServiceResult(SplitChunkAnswer(AAnswer.Body, ABytes));
     // The server reports the position before its read; another one means it read elsewhere.
     const TJson chunk = AInfo.value("chunk", TJson::object());
     if (!chunk.contains("position") || !chunk["position"].is_number_integer() ||
         chunk["position"].get<std::int64_t>() != APosition)
         throw ERemoteError(0, "The server read the chunk from another position");
-    if (static_cast<std::int64_t>(bytes.size()) > ARequest.ChunkSize)
+    if (static_cast<std::int64_t>(ABytes.size()) > ARequest.ChunkSize)
         throw ERemoteError(0, "The server sent more than the chunk size");
-    return bytes;
 }
 
 TDownloadResult TRemoteClient::Download(const TDownloadRequest& ARequest, TDownloadSink& ASink,
@@ -378,11 +382,36 @@ TDownloadResult TRemoteClient::Download(const TDownloadRequest& ARequest, TDownl
     // starts again from 0 doesn't earn fresh attempts by repeating chunks it had already.
     int failures = 0;
     std::int64_t furthest = 0;
+    std::string bytes;
+    // While a chunk is decoded and written, the next one is already asked for: the server works on
+    // it meanwhile (a session's requests run one after the other, so the two never mix). Only a
+    // chunk that the listed size says exists is asked for ahead; a request past the end would make
+    // the server fetch the document from its store again.
+    std::future<TAnswer> ahead;
+    std::int64_t aheadPosition = -1;
+    TFinally settle{[&] {
+        if (ahead.valid()) ahead.wait();
+    }};
     for (;;) {
         TJson info;
-        std::string bytes;
         try {
-            bytes = FetchChunk(ARequest, position, info);
+            bool done = false;
+            if (ahead.valid()) {
+                TAnswer a = ahead.get();
+                TFinally keep{[&] { FAheadBody = std::move(a.Body); }};
+                // A session that ended meanwhile, or any other failure, goes the usual way below.
+                if (aheadPosition == position && a.Status != 0 && a.Status != 401) {
+                    ReadChunkAnswer(ARequest, position, a, info, bytes);
+                    done = true;
+                }
+            }
+            if (!done) FetchChunk(ARequest, position, info, bytes);
+            const std::int64_t next = position + static_cast<std::int64_t>(bytes.size());
+            if (expected >= 0 && static_cast<std::int64_t>(bytes.size()) == ARequest.ChunkSize &&
+                next < expected) {
+                aheadPosition = next;
+                ahead = FetchAhead(ARequest, next);
+            }
         } catch (const ERemoteError& e) {
             if (!e.Transient() || failures >= FOptions.Retries) {
                 if (failures > 0)

@@ -21,6 +21,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <future>
 #include <memory>
 #include <string>
 
@@ -125,12 +126,24 @@ class TRemoteClient {
         std::string Body;
     };
     // One request; raises ERemoteError 0 when no answer came.
-    TAnswer Send(const std::string& AMethod, const std::string& APath, const std::string& ABody);
+    // With ABuffer the answer's body reuses that string's memory. AAhead sends on the second
+    // connection, which asks for the next chunk while the last one is being written.
+    TAnswer Send(const std::string& AMethod, const std::string& APath, const std::string& ABody,
+                 std::string* ABuffer = nullptr, bool AAhead = false);
     // Send in the session; an ended session is opened again once. Raises for any status >= 400.
     TAnswer SendInSession(const std::string& AMethod, const std::string& APath,
-                          const std::string& ABody);
-    // One chunk: the decoded bytes and the answer's fields (without "content").
-    std::string FetchChunk(const TDownloadRequest& ARequest, std::int64_t APosition, TJson& AInfo);
+                          const std::string& ABody, std::string* ABuffer = nullptr);
+    // One chunk: the decoded bytes into ABytes and the answer's fields (without "content").
+    void FetchChunk(const TDownloadRequest& ARequest, std::int64_t APosition, TJson& AInfo,
+                    std::string& ABytes);
+    // The same request on the second connection, answered on a thread of its own.
+    std::future<TAnswer> FetchAhead(const TDownloadRequest& ARequest, std::int64_t APosition);
+    // A chunk request's body; AMethod gets the method's name.
+    static std::string ChunkRequest(const TDownloadRequest& ARequest, std::int64_t APosition,
+                                    std::string& AMethod);
+    // Checks a chunk's answer and decodes it; raises ERemoteError as FetchChunk does.
+    static void ReadChunkAnswer(const TDownloadRequest& ARequest, std::int64_t APosition,
+                                TAnswer& AAnswer, TJson& AInfo, std::string& ABytes);
 
     struct TImpl;
     std::unique_ptr<TImpl> FImpl;
@@ -139,17 +152,17 @@ class TRemoteClient {
     std::string FUser;
     std::string FPassword;
     std::string FToken;
+    std::string FChunkBody;  // the last chunk's answer, kept for its memory
+    std::string FAheadBody;  // the same for the chunks asked for ahead
 };
-
-// Strict Base64: the standard alphabet with padding, no other character; raises EConvertError.
-std::string DecodeBase64Strict(const char* AText, std::size_t ALength);
 
 // The "message" of the server's error form in a body, or the body itself (shortened).
 std::string ServerErrorMessage(const std::string& ABody);
 
-// Splits a service answer into ResultInfo without its "content" and the content text; the
-// content string is cut out of the text before parsing, so a chunk of megabytes is not run
-// through the JSON parser. Raises ERemoteError 0 for a body that isn't the expected form.
-TJson SplitChunkAnswer(std::string ABody, std::string& AContent);
+// Splits a service answer into ResultInfo without its "content" and the content's bytes, decoded
+// into ABytes. The content string is decoded where it stands in the text and cut out before
+// parsing, so a chunk of megabytes is not run through the JSON parser. Raises ERemoteError 0 for
+// a body that isn't the expected form or damaged Base64; ABody loses the content text.
+TJson SplitChunkAnswer(std::string& ABody, std::string& ABytes);
 
 }  // namespace docadmin::app

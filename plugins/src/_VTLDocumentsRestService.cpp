@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <optional>
 
+#include "_BufferPool.h"
 #include "_DocAdminStorageUIDs.h"
 #include "_TDBRecordFlagsPlugin.h"
 #include "_TKRRecordSet.h"
@@ -42,14 +43,14 @@ std::int64_t ChunkInt(const TJsonObject& AChunk, const char* AKey) {
     return v.get<std::int64_t>();
 }
 
-// A chunk's Base64 text on its way into ResultInfo. The JSON writer is slow for strings of
-// megabytes and Base64 needs no escaping, so the method shell appends "content" and
-// "content--encoding" (the last two keys) to the text of the rest of the result itself.
-struct TPendingContent {
-    bool Set = false;
-    std::string Text;
+// A chunk's answer is written by ServeChunk itself, straight into the method shell's ResultInfo:
+// the other keys of the result as JSON, then "content" and "content--encoding" (the last two
+// keys), the Base64 encoded from the file into the text with no copy of megabytes on the way.
+struct TChunkAnswer {
+    std::string* Out = nullptr;
+    bool Written = false;
 };
-thread_local TPendingContent* GPendingContent = nullptr;
+thread_local TChunkAnswer* GChunkAnswer = nullptr;
 
 // The method shell: ResultInfo is always a JSON object, failures come back as MethodResult false
 // with the error in it. With AOptions the text is parsed into an object for the inner routine.
@@ -58,31 +59,40 @@ void RunServiceMethod(const std::string* AOptions, bool& MethodResult, std::stri
                       F AInner) {
     ResultInfo.clear();
     std::unique_ptr<TJsonObject> result = TVTLCustomRestService::CreateResultJson();
-    TPendingContent content;
+    TChunkAnswer answer{&ResultInfo};
     try {
         TVTLCustomRestService::CheckAndSimulateMethodeError();
         std::optional<TJsonObject> options;
         if (AOptions) options = ParseRawJson(*AOptions, "Options");
-        GPendingContent = &content;
-        TFinally noContent{[] { GPendingContent = nullptr; }};
+        GChunkAnswer = &answer;
+        TFinally noAnswer{[] { GChunkAnswer = nullptr; }};
         MethodResult = AInner(*result, options ? &*options : nullptr);
     } catch (const std::exception& e) {
-        content = {};
+        answer.Written = false;
         TVTLCustomRestService::AddExceptionToJsonResult(e, *result);
         MethodResult = false;
     }
-    ResultInfo = TVTLCustomRestService::ToJSON(*result, TVTLCustomRestService::ReturnCompactJson());
-    if (!content.Set) return;
-    result.reset();
-    while (!ResultInfo.empty() && ResultInfo.back() != '}')
-        ResultInfo.pop_back();
-    ResultInfo.pop_back();
-    while (!ResultInfo.empty() && std::isspace(static_cast<unsigned char>(ResultInfo.back())))
-        ResultInfo.pop_back();
-    ResultInfo.reserve(ResultInfo.size() + content.Text.size() + 48);
-    ResultInfo += ResultInfo.back() == '{' ? "\"content\":\"" : ",\"content\":\"";
-    ResultInfo += content.Text;
-    ResultInfo += "\",\"content--encoding\":\"Base64\"}";
+    if (answer.Written) return;
+    // Assigned, not moved: ResultInfo may bring memory of its own for the next large answer.
+    ResultInfo.assign(
+        TVTLCustomRestService::ToJSON(*result, TVTLCustomRestService::ReturnCompactJson()));
+}
+
+// Writes AResult with the Base64 of up to ACount bytes of AStream as its last keys into AOut.
+void WriteChunkAnswer(const TJsonObject& AResult, TStream& AStream, std::int64_t ACount,
+                      std::string& AOut) {
+    AOut.assign(TVTLCustomRestService::ToJSON(AResult, TVTLCustomRestService::ReturnCompactJson()));
+    while (!AOut.empty() && AOut.back() != '}')
+        AOut.pop_back();
+    if (!AOut.empty()) AOut.pop_back();
+    while (!AOut.empty() && std::isspace(static_cast<unsigned char>(AOut.back())))
+        AOut.pop_back();
+    const std::int64_t rest = std::max<std::int64_t>(0, AStream.Size() - AStream.Position());
+    const std::int64_t n = ACount < 0 ? rest : std::min(ACount, rest);
+    ReserveLarge(AOut, AOut.size() + static_cast<std::size_t>((n + 2) / 3 * 4) + 48);
+    AOut += !AOut.empty() && AOut.back() == '{' ? "\"content\":\"" : ",\"content\":\"";
+    MIMEEncodeAppend(AStream, n, AOut);
+    AOut += "\",\"content--encoding\":\"Base64\"}";
 }
 
 // The module's repository; gone once the module is ending.
@@ -186,9 +196,9 @@ void ServeChunk(TSessionCacheTempFileHelper& AHelper, const std::string& AKey,
     AResult["chunk"] = {{"position", position},
                         {"size", size < 0 ? stream->Size() - position : size}};
     AWriteKeys();
-    if (GPendingContent) {
-        GPendingContent->Text = MIMEEncodeRawByteStr(*stream, size);
-        GPendingContent->Set = true;
+    if (GChunkAnswer) {
+        WriteChunkAnswer(AResult, *stream, size, *GChunkAnswer->Out);
+        GChunkAnswer->Written = true;
     } else {
         AResult["content"] = MIMEEncodeRawByteStr(*stream, size);
         AResult["content--encoding"] = "Base64";

@@ -174,6 +174,13 @@ void SaveStrToFile(const std::string& AFileName, const std::string& ABytes, bool
 // Base64 of up to ACount bytes read from the stream's position (all the rest when negative);
 // the position moves past them.
 std::string MIMEEncodeRawByteStr(TStream& AStream, std::int64_t ACount);
+// The same Base64 appended to AOut, encoded straight into it: a caller that keeps AOut's capacity
+// between calls encodes chunk after chunk with no new allocation.
+void MIMEEncodeAppend(TStream& AStream, std::int64_t ACount, std::string& AOut);
+// Strict Base64 into AOut (replacing its content, keeping its capacity): the length must be a
+// multiple of 4, "=" may only pad the end, and any other character outside the alphabet raises
+// EConvertError.
+void Base64DecodeStrict(const char* AText, std::size_t ALength, std::string& AOut);
 // Base64 to bytes; characters outside the alphabet are skipped, so line breaks are fine.
 std::string MIMEDecodeRawByteStr(const std::string& AText);
 // Hexadecimal text to bytes; raises EConvertError on an odd length or a non-hex character.

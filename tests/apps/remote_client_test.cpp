@@ -7,6 +7,7 @@
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <random>
 
 #include "_Classes.h"
 #include "_THTTPServer.h"
@@ -227,32 +228,58 @@ TEST(RemoteClient, WrongPasswordAndNoServer) {
     }
 }
 
+// Base64 bit by bit, to check the table-driven encoder against.
+std::string ReferenceBase64(const std::string& ABytes) {
+    const char* alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string r;
+    for (std::size_t bit = 0; bit < ABytes.size() * 8; bit += 6) {
+        int v = 0;
+        for (std::size_t b = bit; b < bit + 6; ++b)
+            v = v << 1 | (b < ABytes.size() * 8 ? (ABytes[b / 8] >> (7 - b % 8)) & 1 : 0);
+        r += alphabet[v];
+    }
+    return r + std::string((4 - r.size() % 4) % 4, '=');
+}
+
 TEST(RemoteClient, Base64AndAnswerSplitting) {
-    for (const std::string& s :
-         std::vector<std::string>{"", "a", "ab", "abc", "abcd", std::string("\0\xff\x10", 3)}) {
+    // Every length around the encoder's and decoder's steps, and one large text.
+    std::mt19937 random(7);
+    std::vector<std::string> samples;
+    for (const std::size_t n : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 11, 12, 13, 14, 17, 100, 100001}) {
+        std::string s(n, '\0');
+        for (char& c : s)
+            c = static_cast<char>(random());
+        samples.push_back(s);
+    }
+    for (const std::string& s : samples) {
         TMemoryStream m;
         m.WriteBuffer(s.data(), static_cast<std::int64_t>(s.size()));
         m.SetPosition(0);
         const std::string b64 = MIMEEncodeRawByteStr(m, -1);
-        EXPECT_EQ(DecodeBase64Strict(b64.data(), b64.size()), s);
+        ASSERT_EQ(b64, ReferenceBase64(s)) << s.size();
+        std::string bytes = "left over";
+        Base64DecodeStrict(b64.data(), b64.size(), bytes);
+        EXPECT_EQ(bytes, s) << s.size();
+        EXPECT_EQ(MIMEDecodeRawByteStr(b64), s) << s.size();
     }
+    std::string bytes;
     for (const char* bad : {"QQ", "Q===", "QQ=A", "Q Q=", "QUJ\n"})
-        EXPECT_THROW(DecodeBase64Strict(bad, std::strlen(bad)), EConvertError) << bad;
+        EXPECT_THROW(Base64DecodeStrict(bad, std::strlen(bad), bytes), EConvertError) << bad;
 
-    std::string content;
+    const auto split = [&](std::string ABody) { return SplitChunkAnswer(ABody, bytes); };
     // Indented answers and a name that looks like the key are cut right.
-    TJson j = SplitChunkAnswer(
+    TJson j = split(
         "{\"MethodResult\": true, \"ResultInfo\": {\"name\": \"\\\"content\\\": \\\"x\", "
-        "\"content\" : \"QUJD\", \"content--encoding\": \"Base64\"}}",
-        content);
-    EXPECT_EQ(content, "QUJD");
+        "\"content\" : \"QUJD\", \"content--encoding\": \"Base64\"}}");
+    EXPECT_EQ(bytes, "ABC");
     EXPECT_EQ(j["ResultInfo"]["name"], "\"content\": \"x");
     EXPECT_FALSE(j["ResultInfo"].contains("content"));
     // An escaped content (legal JSON, never sent) is taken from the parser.
-    SplitChunkAnswer(R"({"MethodResult":true,"ResultInfo":{"content":"QU\/D"}})", content);
-    EXPECT_EQ(content, "QU/D");
-    EXPECT_THROW(SplitChunkAnswer(R"({"MethodResult":true,"ResultInfo":{"content":"QU)", content),
-                 ERemoteError);
+    split(R"({"MethodResult":true,"ResultInfo":{"content":"QU\/D"}})");
+    EXPECT_EQ(bytes, MIMEDecodeRawByteStr("QU/D"));
+    for (const char* bad : {R"({"MethodResult":true,"ResultInfo":{"content":"QU)",
+                            R"({"MethodResult":true,"ResultInfo":{"content":"QU!D"}})"})
+        EXPECT_THROW(split(bad), ERemoteError) << bad;
     EXPECT_EQ(ServerErrorMessage(R"({"error":{"status":400,"message":"bad"}})"), "bad");
     EXPECT_EQ(
         ServerErrorMessage(R"({"MethodResult":false,"ResultInfo":{"error":{"message":"m"}}})"),

@@ -1,5 +1,7 @@
 #include "_THTTPServer.h"
 
+#include "_BufferPool.h"
+
 #include <spdlog/sinks/basic_file_sink.h>
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
@@ -341,6 +343,7 @@ class TConnection : public TConnectionBase,
                           [self = this->shared_from_this(), res, keep, AInFlight](
                               beast::error_code ec, std::size_t bytes) {
                               self->Log(res->result_int(), bytes);
+                              GiveLargeBuffer(std::move(res->body()));
                               if (AInFlight) self->FImpl.RequestDone();
                               if (ec || !keep) return self->Close();
                               self->WaitRequest();

@@ -1,5 +1,6 @@
 #include "_TVTLBIAPIClient.h"
 
+#include "_BufferPool.h"
 #include "_JsonText.h"
 #include "_Tools.h"
 
@@ -215,14 +216,27 @@ std::string InvokePublishedAPIMethod(const TPublishedAPIMethod& AMethod, const s
         if (p.Kind == TAPIParamKind::pkInt64) args.Set(p.Name, v.get<std::int64_t>());
         if (p.Kind == TAPIParamKind::pkBoolean) args.Set(p.Name, v.get<bool>());
     }
+    // RawJSON answers (document chunks of megabytes) are written into pooled memory.
+    for (const TAPIParam& p : AMethod.Method->Params)
+        if (p.Out && p.Kind == TAPIParamKind::pkRawJSON) args.Set(p.Name, TakeLargeBuffer());
     AMethod.Method->Invoke(AService, args);
 
     // The answer is written by hand so that RawJSON texts go out exactly as the service made them.
-    std::string out = "{";
+    // Its size is known before the first byte, so the text is copied once.
+    std::size_t size = 2;
+    for (const TAPIParam& p : AMethod.Method->Params)
+        if (p.Out)
+            size += p.Name.size() + 8 +
+                    (p.Kind == TAPIParamKind::pkRawJSON || p.Kind == TAPIParamKind::pkString
+                         ? args.Str(p.Name).size() + 2
+                         : 24);
+    std::string out = TakeLargeBuffer(size);
+    out += '{';
     for (const TAPIParam& p : AMethod.Method->Params) {
         if (!p.Out) continue;
-        if (out.size() > 1) out += ",";
-        out += TJsonObject(p.Name).dump() + ":";
+        if (out.size() > 1) out += ',';
+        out += TJsonObject(p.Name).dump();
+        out += ':';
         switch (p.Kind) {
             case TAPIParamKind::pkString:
                 out += TJsonObject(args.Str(p.Name)).dump();
@@ -234,7 +248,7 @@ std::string InvokePublishedAPIMethod(const TPublishedAPIMethod& AMethod, const s
                 out += args.Bool(p.Name) ? "true" : "false";
                 break;
             case TAPIParamKind::pkRawJSON: {
-                const std::string& raw = args.Str(p.Name);
+                std::string& raw = args.OutRaw(p.Name);
                 if (raw.empty()) {
                     out += "null";
                 } else if (IsValidJsonText(raw)) {
@@ -243,11 +257,13 @@ std::string InvokePublishedAPIMethod(const TPublishedAPIMethod& AMethod, const s
                     throw EVTLRestServiceError(
                         500, "The service answered invalid JSON in \"" + p.Name + "\"");
                 }
+                GiveLargeBuffer(std::move(raw));
                 break;
             }
         }
     }
-    return out + "}";
+    out += '}';
+    return out;
 }
 
 }  // namespace docadmin
