@@ -159,13 +159,25 @@ deadline = start + duration
 threads = [threading.Thread(target=worker, args=(n, deadline)) for n in range(sessions)]
 for t in threads:
     t.start()
+def heap_figures():
+    """(heap in use, SQLite's memory) in MiB, as the server reports them."""
+    s = Session()
+    try:
+        _, body = s.request("POST", "/host/IHostInfo/Statistics", {})
+        return body["HeapInUse"] / 1048576, body["SQLiteMemory"] / 1048576
+    finally:
+        s.close()
+
+
 first_at = min(60.0, duration / 5)
 time.sleep(max(0.0, start + first_at - time.time()))
 mem_first = rss_kib()
+heap_first = heap_figures()
 for t in threads:
     t.join()
 elapsed = time.time() - start
 mem_end = rss_kib()
+heap_end = heap_figures()
 
 # Every import present with its size, and its bytes intact.
 check = Session()
@@ -196,4 +208,6 @@ for f in lost[:10]:
 growth = (mem_end - mem_first) / mem_first * 100 if mem_first else 0
 print(f"  server memory: {mem_first / 1024:.1f} MiB after {first_at:.0f} s, {mem_end / 1024:.1f} MiB at the end "
       f"({growth:+.1f}%, target within 10%)")
+print(f"  of that in use in the heaps: {heap_first[0]:.1f} MiB, then {heap_end[0]:.1f} MiB; "
+      f"SQLite's share {heap_first[1]:.1f} MiB, then {heap_end[1]:.1f} MiB")
 sys.exit(1 if failures or lost or abs(growth) > 10 else 0)

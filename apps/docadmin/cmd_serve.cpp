@@ -46,10 +46,14 @@ class THostInfoService : public TVTLCustomRestService {
         AEcho = AText;
         AUser = CurrentSession() ? CurrentSession()->GetUserName() : std::string();
     }
-    // Statements sent to the database by this process so far (what a call costs, for benches).
-    void Statistics(std::int64_t& AStatements) {
+    // Statements sent to the database by this process so far (what a call costs), the bytes its
+    // heaps hand out and SQLite's share of them: figures for benches.
+    void Statistics(std::int64_t& AStatements, std::int64_t& AHeapInUse,
+                    std::int64_t& ASQLiteMemory) {
         CheckAndSimulateMethodeError();
         AStatements = static_cast<std::int64_t>(DBStatementCount());
+        AHeapInUse = static_cast<std::int64_t>(HeapBytesInUse());
+        ASQLiteMemory = static_cast<std::int64_t>(DBSQLiteMemoryUsed());
     }
 };
 
@@ -66,9 +70,12 @@ const TAPIInterfaceType& HostInfoInterface() {
                                                      a.OutStr("User"));
           }},
          {"Statistics",
-          {{"Statements", TAPIParamKind::pkInt64, true}},
+          {{"Statements", TAPIParamKind::pkInt64, true},
+           {"HeapInUse", TAPIParamKind::pkInt64, true},
+           {"SQLiteMemory", TAPIParamKind::pkInt64, true}},
           [](TVTLCustomRestService& s, TAPICallArgs& a) {
-              static_cast<THostInfoService&>(s).Statistics(a.OutInt("Statements"));
+              static_cast<THostInfoService&>(s).Statistics(
+                  a.OutInt("Statements"), a.OutInt("HeapInUse"), a.OutInt("SQLiteMemory"));
           }}}};
     return intf;
 }

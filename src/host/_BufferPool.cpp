@@ -15,6 +15,7 @@ constexpr std::size_t kMaxBlocks = 4;
 struct TPool {
     std::mutex Lock;
     std::vector<std::string> Blocks;
+    bool Taken = false;  // since the last ReleaseFreeHeapMemory
 };
 
 TPool& Pool() {
@@ -44,6 +45,7 @@ std::string TakeLargeBuffer(std::size_t AAtLeast) {
                 (!fits && best->capacity() < AAtLeast && it->capacity() > best->capacity()))
                 best = it;
         }
+        p.Taken = true;
         if (best != p.Blocks.end()) {
             r = std::move(*best);
             p.Blocks.erase(best);
@@ -69,6 +71,29 @@ void UseServerHeapSettings() {
     mallopt(M_MMAP_THRESHOLD, 32 << 20);
     mallopt(M_TRIM_THRESHOLD, 32 << 20);
     mallopt(M_ARENA_MAX, 2);
+#endif
+}
+
+void ReleaseFreeHeapMemory() {
+    std::vector<std::string> idle;
+    {
+        TPool& p = Pool();
+        std::lock_guard guard(p.Lock);
+        if (!p.Taken) idle.swap(p.Blocks);
+        p.Taken = false;
+    }
+    idle.clear();
+#ifdef __GLIBC__
+    malloc_trim(0);
+#endif
+}
+
+std::uint64_t HeapBytesInUse() {
+#ifdef __GLIBC__
+    const struct mallinfo2 m = mallinfo2();
+    return m.uordblks + m.hblkhd;
+#else
+    return 0;
 #endif
 }
 

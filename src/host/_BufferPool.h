@@ -4,6 +4,7 @@
 // and zeroes it page by page, which costs more than the copy into it. The pool keeps a few freed
 // blocks and hands them out again.
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 namespace docadmin {
@@ -19,6 +20,12 @@ void ReserveLarge(std::string& ABuffer, std::size_t AAtLeast);
 // number of heaps (glibc otherwise makes one per thread that ever allocated, each keeping its own
 // freed blocks). Called at the start of a server, before its threads run.
 void UseServerHeapSettings();
+// Gives the system back what the heaps hold free, and the pool's blocks when none was taken since
+// the last call. A server calls it now and then: its memory then follows what it really uses
+// instead of the most it ever used, at the price of faulting pages in again after a tidy.
+void ReleaseFreeHeapMemory();
+// Bytes the process's heaps have handed out and not yet got back (0 where unknown).
+std::uint64_t HeapBytesInUse();
 // Hands a string's memory back. Kept only when it is large (1 to 64 MiB) and the pool has room
 // (4 blocks); freed otherwise. The string is left empty.
 void GiveLargeBuffer(std::string&& ABuffer);

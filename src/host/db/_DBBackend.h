@@ -60,6 +60,8 @@ class TDBConnection {
 // counted for diagnostics such as "how many queries does a listing cost".
 std::uint64_t DBStatementCount();
 void CountDBStatement();
+// Memory that SQLite holds in this process (page caches, prepared statements, schemas).
+std::uint64_t DBSQLiteMemoryUsed();
 
 // Opens a connection. SQLite: AConnInfo is the file path. PostgreSQL: a libpq conninfo string.
 std::unique_ptr<TDBConnection> OpenSQLiteConnection(const std::string& APath);

@@ -229,4 +229,8 @@ std::unique_ptr<TDBConnection> OpenSQLiteConnection(const std::string& APath) {
     return std::make_unique<TSQLiteConnection>(APath);
 }
 
+std::uint64_t DBSQLiteMemoryUsed() {
+    return static_cast<std::uint64_t>(sqlite3_memory_used());
+}
+
 }  // namespace docadmin

@@ -1,5 +1,7 @@
 #include "_TVTLRestServer.h"
 
+#include "_BufferPool.h"
+
 #include <openssl/rand.h>
 
 #include <algorithm>
@@ -189,6 +191,7 @@ void TVTLRestServer::Start() {
     FStopping = false;
     FHTTP->Start();
     SweepSessions();
+    TidyHeaps();
 }
 
 void TVTLRestServer::Shutdown() {
@@ -234,6 +237,12 @@ void TVTLRestServer::SweepSessions() {
     const auto every = std::clamp(FOptions.SessionIdleTimeout / 4, std::chrono::milliseconds(50),
                                   std::chrono::milliseconds(5000));
     FHTTP->RunAfter(every, [this] { SweepSessions(); });
+}
+
+void TVTLRestServer::TidyHeaps() {
+    if (FStopping) return;
+    ReleaseFreeHeapMemory();
+    FHTTP->RunAfter(std::chrono::seconds(10), [this] { TidyHeaps(); });
 }
 
 void TVTLRestServer::EndSession(const IPtr<TRestSession>& ASession) {

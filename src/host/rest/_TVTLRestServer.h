@@ -81,6 +81,8 @@ class TVTLRestServer {
     TJsonObject SessionJson(TRestSession& ASession) const;
     IPtr<TRestSession> FindSession(const THTTPRequest& ARequest);
     void EndSession(const IPtr<TRestSession>& ASession);
+    // Every 10 s: freed memory goes back to the system (see ReleaseFreeHeapMemory).
+    void TidyHeaps();
     void SweepSessions();
     std::chrono::milliseconds ThrottleDelay(const std::string& AUser, const std::string& AAddress);
     void NoteLoginResult(const std::string& AUser, const std::string& AAddress, bool ASuccess);
