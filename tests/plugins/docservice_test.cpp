@@ -16,7 +16,6 @@
 #include "_TVTLRestAPICustomKRRecordSetServiceImpl.h"
 #include "_Tools.h"
 #include "_VTLDocumentsRestService.h"
-#include "host/rest/rest_test_support.h"
 #include "plugin_fixtures.h"
 
 namespace docadmin::test {
@@ -70,10 +69,8 @@ struct TAnswer {
     std::string Content() const { return MIMEDecodeRawByteStr(Info.value("content", "")); }
 };
 
-class DocService : public TRestServerFixture, public ::testing::WithParamInterface<std::string> {
+class DocService : public ModuleRestTest {
   protected:
-    std::string Backend() const override { return GetParam(); }
-
     void SetUp() override {
         // Temporary files (downloads, imports) go to a folder of the test's own, so that what
         // is left behind can be seen. Set before any thread of the host starts.
@@ -105,11 +102,9 @@ class DocService : public TRestServerFixture, public ::testing::WithParamInterfa
         FToken = Login("alice");
     }
     void TearDown() override {
-        FServer.reset();
-        FModule.reset();
         SetDocumentsServiceRepository(nullptr);
         TVTLCustomRestService::ServiceDataSettings().Clear();
-        TRestServerFixture::TearDown();
+        ModuleRestTest::TearDown();
         FOldTemp.empty() ? ::unsetenv("TMPDIR") : ::setenv("TMPDIR", FOldTemp.c_str(), 1);
         std::filesystem::remove_all(FTemp);
     }
@@ -185,21 +180,36 @@ class DocService : public TRestServerFixture, public ::testing::WithParamInterfa
     json Record(const std::string& ARecord = kRecord, const std::string& ASchema = "contacts") {
         return {{"StorageUID", kStorage}, {"SchemaName", ASchema}, {"RecordUID", ARecord}};
     }
-    TAnswer ByID(const std::string& ADoc, const std::string& AChunk = "",
-                 const std::string& AToken = "", const std::string& AOptions = "") {
-        json b = Record();
-        b["ServerDBID"] = FDocs.at(ADoc).ID;
+    // A download by UID or by the record and ID; with options the method's Ex form.
+    TAnswer Download(bool AByUID, const std::string& ADoc, const std::string& AChunk = "",
+                     const std::string& AToken = "", const std::string& AOptions = "") {
+        json b = AByUID ? json{{"DocumentUID", FDocs.at(ADoc).UID}} : Record();
+        if (!AByUID) b["ServerDBID"] = FDocs.at(ADoc).ID;
         if (!AChunk.empty()) b["Chunk"] = json::parse(AChunk);
         if (!AOptions.empty()) b["Options"] = json::parse(AOptions);
-        return Invoke(AOptions.empty() ? "DownloadRecordDocument" : "DownloadRecordDocumentEx", b,
-                      AToken);
+        return Invoke(std::string(AByUID ? "DownloadDocument" : "DownloadRecordDocument") +
+                          (AOptions.empty() ? "" : "Ex"),
+                      b, AToken);
     }
-    TAnswer ByUID(const std::string& ADoc, const std::string& AChunk = "",
-                  const std::string& AToken = "", const std::string& AOptions = "") {
-        json b = {{"DocumentUID", FDocs.at(ADoc).UID}};
-        if (!AChunk.empty()) b["Chunk"] = json::parse(AChunk);
-        if (!AOptions.empty()) b["Options"] = json::parse(AOptions);
-        return Invoke(AOptions.empty() ? "DownloadDocument" : "DownloadDocumentEx", b, AToken);
+    template <class... A>
+    TAnswer ByID(const A&... AArgs) {
+        return Download(false, AArgs...);
+    }
+    template <class... A>
+    TAnswer ByUID(const A&... AArgs) {
+        return Download(true, AArgs...);
+    }
+    std::map<std::string, std::string> Tokens() {
+        return {{"alice", FToken},
+                {"bob", Login("bob")},
+                {"carol", Login("carol")},
+                {"dave", Login("dave")}};
+    }
+    static std::vector<std::string> Keys(const json& AObject) {
+        std::vector<std::string> r;
+        for (const auto& [k, v] : AObject.items())
+            r.push_back(k);
+        return r;
     }
     TAnswer List(const std::string& ARecord = kRecord, const std::string& AToken = "",
                  const std::string& ASchema = "contacts") {
@@ -256,7 +266,6 @@ class DocService : public TRestServerFixture, public ::testing::WithParamInterfa
 
     std::filesystem::path FTemp;
     std::string FOldTemp;
-    std::unique_ptr<TModuleRun> FModule;
     std::int64_t FSales = 0, FHR = 0, FCarol = 0, FDave = 0;
     std::map<std::string, TDoc> FDocs;
     TCountingRepository FRepository;
@@ -266,17 +275,10 @@ class DocService : public TRestServerFixture, public ::testing::WithParamInterfa
 TEST_P(DocService, ListingNestsDirectoriesBeforeDocumentsWithKeysInOrder) {
     const TAnswer a = List();
     ASSERT_TRUE(a.Result) << a.Info;
-    std::vector<std::string> top;
-    for (const auto& [k, v] : a.Info.items())
-        top.push_back(k);
-    EXPECT_EQ(top, (std::vector<std::string>{"directories", "documents"}));
-
+    EXPECT_EQ(Keys(a.Info), (std::vector<std::string>{"directories", "documents"}));
     const json& letters = a.Info["directories"][0];
-    std::vector<std::string> keys;
-    for (const auto& [k, v] : letters.items())
-        keys.push_back(k);
-    EXPECT_EQ(keys, (std::vector<std::string>{"server_dbid", "server_uid", "name", "createdate",
-                                              "directories", "documents"}));
+    EXPECT_EQ(Keys(letters), (std::vector<std::string>{"server_dbid", "server_uid", "name",
+                                                       "createdate", "directories", "documents"}));
     EXPECT_EQ(letters["name"], "Letters");
     EXPECT_EQ(letters["directories"][0]["name"], "Old");
     EXPECT_FALSE(letters["directories"][0].contains("directories"));  // only documents there
@@ -285,11 +287,8 @@ TEST_P(DocService, ListingNestsDirectoriesBeforeDocumentsWithKeysInOrder) {
     json doc;
     for (const auto& d : a.Info["documents"])
         if (d["name"] == "root.txt") doc = d;
-    keys.clear();
-    for (const auto& [k, v] : doc.items())
-        keys.push_back(k);
-    EXPECT_EQ(keys, (std::vector<std::string>{"server_dbid", "server_uid", "name", "size",
-                                              "lastmodified", "createdate", "version"}));
+    EXPECT_EQ(Keys(doc), (std::vector<std::string>{"server_dbid", "server_uid", "name", "size",
+                                                   "lastmodified", "createdate", "version"}));
     EXPECT_EQ(doc["server_dbid"], FDocs["root.txt"].ID);
     EXPECT_EQ(doc["server_uid"], FDocs["root.txt"].UID);
     EXPECT_EQ(doc["size"], 10);
@@ -391,29 +390,23 @@ TEST_P(DocService, ChunkRulesOnBothRoutes) {
         for (const auto& c : cases) {
             for (const auto& s : c.Steps) {
                 SCOPED_TRACE(std::string(c.Name) + (byUID ? " by UID " : " by ID ") + s.Chunk);
-                const TAnswer a = byUID ? ByUID("root.txt", s.Chunk) : ByID("root.txt", s.Chunk);
+                const TAnswer a = Download(byUID, "root.txt", s.Chunk);
                 ASSERT_TRUE(a.Result) << a.Info;
                 EXPECT_EQ(a.Info["chunk"], (json{{"position", s.Position}, {"size", s.Size}}));
                 EXPECT_EQ(a.Content(), s.Content);
                 EXPECT_EQ(a.Info["content--encoding"], "Base64");
             }
-            byUID ? ByUID("root.txt") : ByID("root.txt");  // reads the rest: the entry ends
+            Download(byUID, "root.txt");  // reads the rest: the entry ends
         }
     }
 }
 
 TEST_P(DocService, ResultKeysEntriesPerRouteAndFailedFetches) {
-    const TAnswer id = ByID("root.txt", R"({"size":2})");
-    std::vector<std::string> keys;
-    for (const auto& [k, v] : id.Info.items())
-        keys.push_back(k);
-    EXPECT_EQ(keys, (std::vector<std::string>{"chunk", "server_dbid", "name", "converted",
-                                              "content", "content--encoding"}));
+    EXPECT_EQ(Keys(ByID("root.txt", R"({"size":2})").Info),
+              (std::vector<std::string>{"chunk", "server_dbid", "name", "converted", "content",
+                                        "content--encoding"}));
     const TAnswer uid = ByUID("root.txt", R"({"size":2})");
-    keys.clear();
-    for (const auto& [k, v] : uid.Info.items())
-        keys.push_back(k);
-    EXPECT_EQ(keys,
+    EXPECT_EQ(Keys(uid.Info),
               (std::vector<std::string>{"chunk", "server_uid", "name", "lastmodified", "createdate",
                                         "converted", "content", "content--encoding"}));
     EXPECT_EQ(uid.Info["chunk"]["position"], 0);  // its own entry, not the one by ID
@@ -462,9 +455,7 @@ TEST_P(DocService, ConversionAndItsFailure) {
     EXPECT_EQ(pdf.Content().substr(0, 5), "%PDF-");
 
     for (const bool byUID : {false, true}) {
-        const std::string format = R"({"format":".nosuchformat"})";
-        const TAnswer a =
-            byUID ? ByUID("note.txt", "", "", format) : ByID("note.txt", "", "", format);
+        const TAnswer a = Download(byUID, "note.txt", "", "", R"({"format":".nosuchformat"})");
         ASSERT_TRUE(a.Result) << a.Info;
         EXPECT_FALSE(a.Info["converted"].get<bool>());
         EXPECT_EQ(a.Info["name"], "note.txt");
@@ -473,10 +464,7 @@ TEST_P(DocService, ConversionAndItsFailure) {
 }
 
 TEST_P(DocService, UsersSeeAndFetchOnlyWhatTheirGroupsAllow) {
-    const std::map<std::string, std::string> tokens = {{"alice", FToken},
-                                                       {"bob", Login("bob")},
-                                                       {"carol", Login("carol")},
-                                                       {"dave", Login("dave")}};
+    const auto tokens = Tokens();
     const std::set<std::string> everyone = {"root.txt", "note.txt", "gone.txt", "a.txt", "old.txt"};
     const std::map<std::string, std::set<std::string>> extra = {{"alice", {"s.txt"}},
                                                                 {"bob", {"h.txt", "deep.txt"}},
@@ -495,8 +483,7 @@ TEST_P(DocService, UsersSeeAndFetchOnlyWhatTheirGroupsAllow) {
                 const bool byUID = method & 1;
                 const std::string options = method & 2 ? R"({"unknown":1})" : "";
                 SCOPED_TRACE(doc + (byUID ? " by UID" : " by ID") + options);
-                const TAnswer a =
-                    byUID ? ByUID(doc, "", token, options) : ByID(doc, "", token, options);
+                const TAnswer a = Download(byUID, doc, "", token, options);
                 if (expected.count(doc)) {
                     EXPECT_TRUE(a.Result) << a.Info;
                     EXPECT_EQ(a.Content(), FDocs[doc].Bytes);
@@ -709,10 +696,7 @@ TEST_P(DocService, RecordDetailOnReading) {
 
 TEST_P(DocService, ImportAccessFollowsTheFoldersRights) {
     AddContact(kRecord);
-    const std::map<std::string, std::string> tokens = {{"alice", FToken},
-                                                       {"bob", Login("bob")},
-                                                       {"carol", Login("carol")},
-                                                       {"dave", Login("dave")}};
+    const auto tokens = Tokens();
     // User, target path, HTTP status, folder the document lands in ("" the record's folder,
     // "-" nowhere). A folder the user can't see is an unknown path; one the user may only read
     // refuses; a read-only user writes nothing.

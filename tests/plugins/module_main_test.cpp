@@ -238,16 +238,9 @@ TEST_P(ModuleMain, AddDocumentNeverFailsAndLinksGoWithTheirDocument) {
     EXPECT_TRUE(docs->Do_AddRessourceLink("CRMAI", 6, second));
     EXPECT_TRUE(docs->Do_AddRessourceLink("OTHER", 5, 999999));  // no check that it exists
     EXPECT_EQ(RowCount("docadminressources"), 3);
-    auto remove = [&](const std::string& schema, std::int64_t id) {
-        TClientSQL del(nullptr, DB());
-        del.SetStatementKind(skDelete);
-        del.SetSchemaName(schema);
-        AddFilter(del.GetFilters(), "id", TVariant(static_cast<long long>(id)));
-        del.ExecuteSQL();
-    };
-    remove("contacts", Insert("contacts", {{"name", TVariant("x")}}));
+    DeleteRow(DB(), "contacts", Insert("contacts", {{"name", TVariant("x")}}));
     EXPECT_EQ(RowCount("docadminressources"), 3);
-    remove("docadmindocs", first);
+    DeleteRow(DB(), "docadmindocs", first);
     EXPECT_EQ(RowCount("docadminressources", "documentid", TVariant(static_cast<long long>(first))),
               0);
     EXPECT_EQ(RowCount("docadminressources"), 2);

@@ -1,7 +1,6 @@
 // /resources over real HTTP with the module loaded, on SQLite and PostgreSQL: listing and acting
 // on a record's linked documents and on a doc:// tree as users of different rights.
 #include "_TKRRecordSet.h"
-#include "host/rest/rest_test_support.h"
 #include "plugin_fixtures.h"
 
 using namespace docadmin;
@@ -11,10 +10,8 @@ namespace {
 
 using json = nlohmann::ordered_json;
 
-class ResourcesHTTP : public TRestServerFixture, public ::testing::WithParamInterface<std::string> {
+class ResourcesHTTP : public ModuleRestTest {
   protected:
-    std::string Backend() const override { return GetParam(); }
-
     // Documents, stored by alice (so that folders get her default group, none): Files/pub.txt (no
     // group) and Files/Sales/sec.txt (group sales), both linked to CONTACTS 5. alice has full
     // rights in sales, bob none, carol is a read-only user with full rights in sales.
@@ -55,12 +52,6 @@ class ResourcesHTTP : public TRestServerFixture, public ::testing::WithParamInte
         for (const char* user : {"alice", "bob", "carol"})
             FTokens[user] = Login(user);
     }
-    void TearDown() override {
-        FServer.reset();
-        FModule.reset();
-        TRestServerFixture::TearDown();
-    }
-
     THTTPAnswer Request(const std::string& AUser, const std::string& AMethod,
                         const std::string& AIdentifier, std::int64_t AID, const std::string& AQuery,
                         const std::string& ABody = "") {
@@ -89,7 +80,6 @@ class ResourcesHTTP : public TRestServerFixture, public ::testing::WithParamInte
         return rs.GetRecordCount();
     }
 
-    std::unique_ptr<TModuleRun> FModule;
     std::map<std::string, std::string> FTokens;
     std::int64_t FPub = 0, FSec = 0;
 };
