@@ -55,12 +55,9 @@ TEST(FileStoreContract, RemoteNamesThatCouldLeaveTheFolderAreRefused) {
           std::string("../x"), std::string("a\\b"), std::string("ab\0cd", 5), std::string("/")}) {
         EXPECT_THROW(TBaseDocFileLoader::CheckRemoteFileName(bad), EKRUserMessageException) << bad;
     }
-    try {
-        TBaseDocFileLoader::CheckRemoteFileName(std::string("ab\0cd", 5));
-        FAIL();
-    } catch (const EKRUserMessageException& e) {
-        EXPECT_EQ(e.Message(), "Invalid remote file name \"ab\\0cd\"!");
-    }
+    EXPECT_EQ(MessageOf<EKRUserMessageException>(
+                  [] { TBaseDocFileLoader::CheckRemoteFileName(std::string("ab\0cd", 5)); }),
+              "Invalid remote file name \"ab\\0cd\"!");
     // Names not generated here are still accepted as they come.
     for (const char* good : {"0C7F3A52E1B94D6E8A35D21F4E90B6C7", "old-name.doc", "...", "a b"})
         EXPECT_NO_THROW(TBaseDocFileLoader::CheckRemoteFileName(good)) << good;

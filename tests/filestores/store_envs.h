@@ -69,13 +69,14 @@ class LocalStoreEnv : public StoreEnv {
 using LocFileEnv = LocalStoreEnv<TDocFileLoaderLocFile>;
 using LocServerEnv = LocalStoreEnv<TDocFileLoaderLocServer>;
 
-// Local stores made through the fake host with its settings as a test sets them; local files in
-// "local" of the test's scratch folder.
+// Local stores made through the fake host with its settings as a test sets them; the selected
+// database keeps its documents in "repo", local files are in "local" of the test's scratch folder.
 class LocalStoreTest : public ::testing::Test {
   protected:
     LocalStoreTest() {
         host.userDocuments = (dir / "userdocs").string();
         host.defaultDocRoot = (dir / "data" / "docroot").string();
+        host.dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
         fs::create_directories(dir / "local");
     }
     template <class T = TDocFileLoaderLocFile>
