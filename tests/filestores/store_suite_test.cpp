@@ -167,7 +167,9 @@ TYPED_TEST(StoreSuite, DownloadOntoTheStoredFileIsRefused) {
     EXPECT_EQ(this->env.GetRaw(name), raw);
 }
 
-TYPED_TEST(StoreSuite, NonBlockedDownloadReportsAMissingFileThroughTheCallBack) {
+// The non-blocking default reports through the callback before it returns, and keeps no
+// reference to it.
+TYPED_TEST(StoreSuite, NonBlockedDownloadReportsThroughTheCallBack) {
     IPtr<RecordingCallBack> cb(new RecordingCallBack);
     const std::string dest = (this->env.Local() / "d").string();
     EXPECT_NO_THROW(this->env.Store().DownloadFileNonBlocked("NOPE", dest, cb.get()));
@@ -179,6 +181,13 @@ TYPED_TEST(StoreSuite, NonBlockedDownloadReportsAMissingFileThroughTheCallBack) 
     this->env.Store().DownloadFileNonBlocked(name, dest, cb.get());
     EXPECT_THAT(cb->log, ElementsAre("done " + dest));
     EXPECT_EQ(ReadAll(dest), "abc");
+
+    // A failure of DownloadDone itself arrives at DownloadFailed too.
+    cb->log.clear();
+    cb->failInDone = true;
+    EXPECT_NO_THROW(this->env.Store().DownloadFileNonBlocked(name, dest, cb.get()));
+    EXPECT_THAT(cb->log, ElementsAre("done " + dest, "failed " + dest + ": disk full"));
+    EXPECT_EQ(cb->RefCount(), 1);
 }
 
 TYPED_TEST(StoreSuite, RefusedRemoteNamesLeaveEverythingUntouched) {
@@ -193,7 +202,8 @@ TYPED_TEST(StoreSuite, RefusedRemoteNamesLeaveEverythingUntouched) {
     // Names of the store's own temporaries too: a clean-up would delete such a file.
     for (const std::string& bad :
          {std::string(), std::string("."), std::string(".."), escape, std::string("a\\b"),
-          keep + std::string("\0x", 2), std::string(".~prepared.keep.tmp"), ".~" + keep}) {
+          std::string("a/b"), std::string("/"), keep + std::string("\0x", 2),
+          std::string(".~prepared.keep.tmp"), ".~" + keep}) {
         const std::string dest = (this->env.Local() / "dest").string();
         EXPECT_THROW(store.UploadFile(this->LocalFile("new", "new"), bad, upmChange),
                      EKRUserMessageException);

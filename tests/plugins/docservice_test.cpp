@@ -215,11 +215,14 @@ class DocService : public ModuleRestTest {
                  const std::string& ASchema = "contacts") {
         return Invoke("QueryRecordResourceList", Record(ARecord, ASchema), AToken);
     }
-    static void CollectNames(const json& ALevel, std::set<std::string>& ANames) {
-        for (const auto& d : ALevel.value("directories", json::array()))
-            CollectNames(d, ANames);
-        for (const auto& d : ALevel.value("documents", json::array()))
-            ANames.insert(d["name"].get<std::string>());
+    // The names of every document of a listing.
+    static std::set<std::string> Names(const json& AListing) {
+        std::map<std::string, std::pair<std::string, std::string>> docs;
+        CollectDocs(AListing, "", docs);
+        std::set<std::string> r;
+        for (const auto& [uid, doc] : docs)
+            r.insert(doc.second);
+        return r;
     }
 
     // A record service call as a user (alice by default); the answer's body parsed.
@@ -474,9 +477,7 @@ TEST_P(DocService, UsersSeeAndFetchOnlyWhatTheirGroupsAllow) {
         SCOPED_TRACE(user);
         std::set<std::string> expected = everyone;
         expected.insert(extra.at(user).begin(), extra.at(user).end());
-        std::set<std::string> listed;
-        CollectNames(List(kRecord, token).Info, listed);
-        EXPECT_EQ(listed, expected);
+        EXPECT_EQ(Names(List(kRecord, token).Info), expected);
         for (const std::string doc : {"root.txt", "s.txt", "h.txt", "deep.txt"}) {
             // Each download method: by ID and by UID, plain and with options.
             for (const int method : {0, 1, 2, 3}) {
@@ -567,8 +568,7 @@ TEST_P(DocService, ImportThroughTheRecordDetailDecodesAndPlacesEachDocument) {
                         {{"name", "odd.bin"}, {"content", "abc"}, {"content--encoding", "hex"}},
                         {{"name", "never.txt"}, {"content", "n"}}}}});
     EXPECT_EQ(badStatus, 400) << bad;
-    std::set<std::string> names;
-    CollectNames(List().Info, names);
+    const std::set<std::string> names = Names(List().Info);
     EXPECT_TRUE(names.count("kept.txt"));
     EXPECT_FALSE(names.count("odd.bin") || names.count("never.txt"));
     EXPECT_EQ(TempFiles(), std::vector<std::string>{});
@@ -595,9 +595,7 @@ TEST_P(DocService, ImportThroughTheRecordDetailDecodesAndPlacesEachDocument) {
     ASSERT_EQ(created["record_info"].size(), 2u);
     EXPECT_EQ(created["record_info"][1]["remote_uid"], "n");
     EXPECT_EQ(FetchByUID(created["record_info"][1]["server_uid"]), "new");
-    std::set<std::string> freshNames;
-    CollectNames(List(fresh).Info, freshNames);
-    EXPECT_EQ(freshNames, std::set<std::string>{"n.txt"});
+    EXPECT_EQ(Names(List(fresh).Info), std::set<std::string>{"n.txt"});
 }
 
 TEST_P(DocService, ImportSetsRecordFlagsAndWorksWithoutAResultObject) {
@@ -615,9 +613,7 @@ TEST_P(DocService, ImportSetsRecordFlagsAndWorksWithoutAResultObject) {
     const auto [readStatus, read] =
         Records("GET", "/records/contacts/" + kRecord + "?fields=globalrecuid,record_documents");
     ASSERT_EQ(readStatus, 200) << read;
-    std::set<std::string> names;
-    CollectNames(read["records"][0]["record_documents"], names);
-    EXPECT_EQ(names, std::set<std::string>{"flagged.txt"});
+    EXPECT_EQ(Names(read["records"][0]["record_documents"]), std::set<std::string>{"flagged.txt"});
     TVTLCustomRestService::ServiceDataSettings().Clear();
 
     // Called directly without a result object: imported all the same, nothing reported.
@@ -635,9 +631,7 @@ TEST_P(DocService, ImportSetsRecordFlagsAndWorksWithoutAResultObject) {
             nullptr, 0);
     }
     session.GetSessionCache().Clear();
-    names.clear();
-    CollectNames(List().Info, names);
-    EXPECT_TRUE(names.count("quiet.txt"));
+    EXPECT_TRUE(Names(List().Info).count("quiet.txt"));
 }
 
 TEST_P(DocService, RecordDetailOnReading) {
@@ -689,9 +683,7 @@ TEST_P(DocService, RecordDetailOnReading) {
         EXPECT_EQ(mapped["records"][0]["files"], body["records"][0]["record_documents"]);
     }
     EXPECT_EQ(PutDocuments({{"insert", {{{"name", "m.txt"}, {"content", "m"}}}}}).first, 200);
-    std::set<std::string> names;
-    CollectNames(List().Info, names);
-    EXPECT_TRUE(names.count("m.txt"));
+    EXPECT_TRUE(Names(List().Info).count("m.txt"));
 }
 
 TEST_P(DocService, ImportAccessFollowsTheFoldersRights) {
