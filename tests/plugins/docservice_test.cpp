@@ -745,16 +745,6 @@ TEST(DocServiceBase64, EncodesAcrossBlockBoundariesAndStopsAtTheCount) {
         }
         std::filesystem::remove(file);
     }
-    // The classic vectors.
-    const std::string file = GetTempPath() + GetTempFileName();
-    SaveStrToFile(file, "foobar", false);
-    TFileStream s(file, fmOpenRead);
-    for (const auto& [count, text] : std::vector<std::pair<int, const char*>>{
-             {1, "Zg=="}, {2, "Zm8="}, {3, "Zm9v"}, {-1, "Zm9vYmFy"}}) {
-        s.SetPosition(0);
-        EXPECT_EQ(MIMEEncodeRawByteStr(s, count), text);
-    }
-    std::filesystem::remove(file);
 }
 
 }  // namespace

@@ -135,8 +135,6 @@ TEST(CreateDocAdmin, PluginAndPathFromTheArguments) {
             module.Repo().CreateDocAdmin(c.Plugin, c.Base, false, "");
         EXPECT_EQ(admin->Plugin(), c.AdminPlugin) << c.Plugin << " " << c.Base;
         EXPECT_EQ(admin->RootDirectoryPath(), c.RootPath) << c.Plugin << " " << c.Base;
-        EXPECT_EQ(admin->PluginGUID(), DocAdminPluginGUID);
-        EXPECT_FALSE(admin->AllwaysLoadGlobal());
         ASSERT_NE(admin->DocFileLoader(), nullptr);
         EXPECT_EQ(static_cast<TDocFileLoaderLocFile*>(admin->DocFileLoader())->FilePath(),
                   dir.string());
