@@ -217,10 +217,8 @@ class DocService : public ModuleRestTest {
     }
     // The names of every document of a listing.
     static std::set<std::string> Names(const json& AListing) {
-        std::map<std::string, std::pair<std::string, std::string>> docs;
-        CollectDocs(AListing, "", docs);
         std::set<std::string> r;
-        for (const auto& [uid, doc] : docs)
+        for (const auto& [uid, doc] : Places(AListing))
             r.insert(doc.second);
         return r;
     }
@@ -244,17 +242,13 @@ class DocService : public ModuleRestTest {
                        {{"name", "Doe"}, {"record_documents", ASection}}, AToken);
     }
     // Every document of a listing by server_uid: its folder's name ("" for the root) and name.
-    static void CollectDocs(const json& ALevel, const std::string& AFolder,
-                            std::map<std::string, std::pair<std::string, std::string>>& ADocs) {
-        for (const auto& d : ALevel.value("directories", json::array()))
-            CollectDocs(d, d["name"], ADocs);
-        for (const auto& d : ALevel.value("documents", json::array()))
-            ADocs[d["server_uid"]] = {AFolder, d["name"]};
-    }
-    std::map<std::string, std::pair<std::string, std::string>> Docs(
-        const std::string& AToken = "") {
+    static std::map<std::string, std::pair<std::string, std::string>> Places(
+        const json& ALevel, const std::string& AFolder = "") {
         std::map<std::string, std::pair<std::string, std::string>> r;
-        CollectDocs(List(kRecord, AToken).Info, "", r);
+        for (const auto& d : ALevel.value("directories", json::array()))
+            r.merge(Places(d, d["name"]));
+        for (const auto& d : ALevel.value("documents", json::array()))
+            r[d["server_uid"]] = {AFolder, d["name"]};
         return r;
     }
     std::string FetchByUID(const std::string& AUID) {
@@ -535,7 +529,7 @@ TEST_P(DocService, ImportThroughTheRecordDetailDecodesAndPlacesEachDocument) {
     byID["ServerDBID"] = info[1]["dbid"];
     EXPECT_EQ(Invoke("DownloadRecordDocument", byID).Content(), "Hello");
     EXPECT_EQ(FRepository.Loads.load(), loads);
-    const auto docs = Docs();
+    const auto docs = Places(List().Info);
     for (std::size_t i = 0; i < cases.size(); ++i) {
         SCOPED_TRACE(i);
         const json& row = info[i + 1];
@@ -574,14 +568,14 @@ TEST_P(DocService, ImportThroughTheRecordDetailDecodesAndPlacesEachDocument) {
     EXPECT_EQ(TempFiles(), std::vector<std::string>{});
 
     // Forms of the section that carry nothing to insert are ignored; the row is still written.
-    const std::size_t before = Docs().size();
+    const std::size_t before = Places(List().Info).size();
     for (const json& section :
          {json::array({items[1]}), json::object(), json{{"update", json::array({items[1]})}},
           json{{"insert", json::array()}}, json{{"insert", items[1]}}}) {
         SCOPED_TRACE(section.dump());
         EXPECT_EQ(PutDocuments(section).first, 200);
     }
-    EXPECT_EQ(Docs().size(), before);
+    EXPECT_EQ(Places(List().Info).size(), before);
 
     // A new row carries documents as well.
     const std::string fresh = "{0D0C5E41-0000-4000-8000-000000000003}";
@@ -715,7 +709,7 @@ TEST_P(DocService, ImportAccessFollowsTheFoldersRights) {
         // Alice and bob between them see every folder.
         std::map<std::string, std::string> where;
         for (const auto& token : {FToken, tokens.at("bob")})
-            for (const auto& [uid, doc] : Docs(token))
+            for (const auto& [uid, doc] : Places(List(kRecord, token).Info))
                 where[doc.second] = doc.first;
         if (std::string(c.Folder) == "-") {
             EXPECT_EQ(where.count(name), 0u);
