@@ -171,7 +171,6 @@ TEST_P(ModuleMain, InterfaceSlots) {
     EXPECT_FALSE(docs->Do_OpenDialogEx1("p", "b", "l", name));
     EXPECT_EQ(name, "keep");
     EXPECT_EQ(id, 7);
-    EXPECT_FALSE(docs->Get_IsRemoteServerStore());
 
     // IRessourceSource.
     IPtr<IInterface> out(docs);
@@ -183,7 +182,6 @@ TEST_P(ModuleMain, InterfaceSlots) {
     FHost->Language = 2;  // French has no texts of its own: the base language stands in
     EXPECT_EQ(Repo().GetTranslatedText(IDS_DOCUPDCAP), "Dokument archiviert");
     EXPECT_EQ(Repo().GetTranslatedText("not a key"), "not a key");
-    EXPECT_EQ(main.GetRessourceContainer("CRMAI", 1)->Get_ResID(), 1);  // see resources_test
     IPtr<TSourceNotify> n(new TSourceNotify);
     main.Do_AddNotifier(n.get());
     main.Do_AddNotifier(n.get());

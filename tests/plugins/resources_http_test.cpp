@@ -131,10 +131,8 @@ TEST_P(ResourcesHTTP, LinkedDocumentsUnderEachUsersRights) {
 
     // A link of a document alice may see (listed by the document's own name); then the document
     // goes with all its links.
-    EXPECT_EQ(Request("alice", "POST", "CONTACTS", 6,
-                      "&action=add_link&name=s.txt&document_id=" + std::to_string(FSec))
-                  .Status,
-              200);
+    const std::string link = "&action=add_link&name=s.txt&document_id=" + std::to_string(FSec);
+    EXPECT_EQ(Request("alice", "POST", "CONTACTS", 6, link).Status, 200);
     EXPECT_EQ(Names(List("alice", "CONTACTS", 6)), std::vector<std::string>{"sec.txt"});
     EXPECT_EQ(LinkRows(FSec), 2);
     EXPECT_EQ(Request("alice", "POST", "CONTACTS", 5, "&action=delete" + sec).Status, 200);
@@ -146,29 +144,28 @@ TEST_P(ResourcesHTTP, LinkedDocumentsUnderEachUsersRights) {
 TEST_P(ResourcesHTTP, ADocumentTreeByAddress) {
     if (IsSkipped()) return;
     const std::string tree = "doc://\"Shared\"";
+    const auto post = [&](const char* AUser, const std::string& AQuery, const char* ABody = "") {
+        return Request(AUser, "POST", tree, 0, AQuery, ABody);
+    };
     EXPECT_TRUE(List("alice", tree, 0).empty());
-    EXPECT_EQ(Request("carol", "POST", tree, 0, "&action=add_directory&name=Inbox").Status, 403);
-    EXPECT_EQ(Request("alice", "POST", tree, 0, "&action=add_directory&name=a/b").Status, 400);
-    EXPECT_EQ(Request("alice", "POST", tree, 0, "&action=add_directory&name=Inbox").Status, 200);
-    EXPECT_EQ(Request("alice", "POST", tree, 0, "&action=add_document&name=x.txt", "xx").Status,
-              200);
+    EXPECT_EQ(post("carol", "&action=add_directory&name=Inbox").Status, 403);
+    EXPECT_EQ(post("alice", "&action=add_directory&name=a/b").Status, 400);
+    EXPECT_EQ(post("alice", "&action=add_directory&name=Inbox").Status, 200);
+    EXPECT_EQ(post("alice", "&action=add_document&name=x.txt", "xx").Status, 200);
     const json top = List("alice", tree, 0);
     ASSERT_EQ(Names(top), (std::vector<std::string>{"Inbox", "x.txt"}));
     EXPECT_TRUE(top[0]["has_children"].get<bool>());
     const std::string inbox = top[0]["ref"];
     EXPECT_EQ(inbox.substr(0, 2), "d:");
-    EXPECT_EQ(
-        Request("alice", "POST", tree, 0, "&action=add_document&name=y.txt&ref=" + inbox, "yy")
-            .Status,
-        200);
+    EXPECT_EQ(post("alice", "&action=add_document&name=y.txt&ref=" + inbox, "yy").Status, 200);
     const json children = List("alice", tree, 0, "&ref=" + inbox);
     ASSERT_EQ(Names(children), std::vector<std::string>{"y.txt"});
     const std::string y = children[0]["ref"];
-    const THTTPAnswer copy = Request("bob", "POST", tree, 0, "&action=save_copy&ref=" + y);
+    const THTTPAnswer copy = post("bob", "&action=save_copy&ref=" + y);
     EXPECT_EQ(copy.Status, 200);
     EXPECT_EQ(copy.Body, "yy");
     EXPECT_NE(copy.Header("Content-Disposition").find("y.txt"), std::string::npos);
-    EXPECT_EQ(Request("alice", "POST", tree, 0, "&action=delete&ref=" + inbox).Status, 200);
+    EXPECT_EQ(post("alice", "&action=delete&ref=" + inbox).Status, 200);
     EXPECT_EQ(Names(List("alice", tree, 0)), std::vector<std::string>{"x.txt"});
 }
 
