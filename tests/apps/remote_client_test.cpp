@@ -99,114 +99,90 @@ class TFakeService {
 
 struct TStringSink : TDownloadSink {
     std::string Data;
-    int Restarts = 0;
     void Write(const std::string& ABytes) override { Data += ABytes; }
-    void Restart() override {
-        Data.clear();
-        ++Restarts;
-    }
+    void Restart() override { Data.clear(); }
 };
 
-struct TCase {
-    const char* Name;
-    std::size_t DocSize;
-    std::int64_t Chunk;
-    std::int64_t Expected;  // listed size, -1 unknown, -2 the document's size
-    std::string Format;
-    std::map<int, TFault> Faults;
-    std::vector<std::int64_t> Positions;  // the positions asked for, in order
-    int Status = -1;                      // the failure's status; -1 for success
-};
-
-void PrintTo(const TCase& ACase, std::ostream* AOut) {
-    *AOut << ACase.Name;
-}
-
-class RemoteDownload : public ::testing::TestWithParam<TCase> {};
-
-TEST_P(RemoteDownload, PagesResumesAndFails) {
-    const TCase& c = GetParam();
-    std::string doc;
-    for (std::size_t i = 0; i < c.DocSize; ++i)
-        doc += static_cast<char>(i * 7 + 1);  // every byte value, zeros included
-    TFakeService fake(doc);
-    fake.Faults = c.Faults;
-    TRemoteClientOptions o;
-    o.Retries = 2;
-    o.RetryDelay = std::chrono::milliseconds(1);
-    TRemoteClient client(fake.URL(), o);
-    client.Login("u", "secret");
-    TDownloadRequest req;
-    req.StorageUID = "{S}";
-    req.SchemaName = "contacts";
-    req.RecordUID = "{R}";
-    req.ServerDBID = 7;
-    req.ChunkSize = c.Chunk;
-    req.Format = c.Format;
-    req.ExpectedSize = c.Expected == -2 ? static_cast<std::int64_t>(c.DocSize) : c.Expected;
-    TStringSink sink;
-    if (c.Status >= 0) {
-        try {
-            client.Download(req, sink);
-            ADD_FAILURE() << "no failure";
-        } catch (const ERemoteError& e) {
-            EXPECT_EQ(e.Status(), c.Status) << e.what();
-        } catch (const Exception& e) {
-            EXPECT_EQ(0, c.Status) << e.what();  // the size checks raise plain exceptions
-        }
-    } else {
-        const TDownloadResult r = client.Download(req, sink);
-        EXPECT_EQ(sink.Data, doc);
-        EXPECT_EQ(r.Bytes, static_cast<std::int64_t>(doc.size()));
-        EXPECT_EQ(r.Name, "a.txt");
-        // A renewed session repeats its request without counting as a retry.
-        EXPECT_EQ(r.Retries, std::count_if(c.Faults.begin(), c.Faults.end(), [](const auto& f) {
-                      return f.second != TFault::SessionEnded;
-                  }));
-    }
-    EXPECT_EQ(fake.Positions, c.Positions);
-}
-
-using F = TFault;
-INSTANTIATE_TEST_SUITE_P(
-    Cases, RemoteDownload,
-    ::testing::Values(
-        TCase{"Pages", 10, 4, -1, "", {}, {0, 4, 8}},
+TEST(RemoteDownload, PagesResumesAndFails) {
+    using F = TFault;
+    struct TCase {
+        const char* Name;
+        std::size_t DocSize;
+        std::int64_t Chunk;
+        std::int64_t Expected;  // listed size, -1 unknown, -2 the document's size
+        std::string Format;
+        std::map<int, TFault> Faults;
+        std::vector<std::int64_t> Positions;  // the positions asked for, in order
+        int Status = -1;                      // the failure's status; -1 for success
+    };
+    // clang-format off
+    const TCase cases[] = {
+        {"Pages", 10, 4, -1, "", {}, {0, 4, 8}},
         // Whole chunks: the listed size ends the download without an empty last call.
-        TCase{"WholeChunksListed", 8, 4, -2, "", {}, {0, 4}},
-        TCase{"WholeChunksUnlisted", 8, 4, -1, "", {}, {0, 4, 8}},
-        TCase{"Empty", 0, 4, -2, "", {}, {0}},
+        {"WholeChunksListed", 8, 4, -2, "", {}, {0, 4}},
+        {"WholeChunksUnlisted", 8, 4, -1, "", {}, {0, 4, 8}},
+        {"Empty", 0, 4, -2, "", {}, {0}},
         // A failed chunk is asked for again at the same position.
-        TCase{"Resume500", 10, 4, -2, "", {{2, F::Status500}}, {0, 4, 4, 8}},
-        TCase{"ResumeGarbled", 10, 4, -2, "", {{3, F::Garbled}}, {0, 4, 8, 8}},
-        TCase{"ResumeWrongPosition", 10, 4, -2, "", {{2, F::WrongPosition}}, {0, 4, 4, 8}},
+        {"Resume500", 10, 4, -2, "", {{2, F::Status500}}, {0, 4, 4, 8}},
+        {"ResumeGarbled", 10, 4, -2, "", {{3, F::Garbled}}, {0, 4, 8, 8}},
+        {"ResumeWrongPosition", 10, 4, -2, "", {{2, F::WrongPosition}}, {0, 4, 4, 8}},
         // An ended session is opened again and the chunk repeated.
-        TCase{"SessionEnded", 10, 4, -2, "", {{2, F::SessionEnded}}, {0, 4, 4, 8}},
+        {"SessionEnded", 10, 4, -2, "", {{2, F::SessionEnded}}, {0, 4, 4, 8}},
         // A converted download starts again from 0.
-        TCase{"ConvertedRestarts", 10, 4, -1, ".pdf", {{2, F::Status500}}, {0, 4, 0, 4, 8}},
+        {"ConvertedRestarts", 10, 4, -1, ".pdf", {{2, F::Status500}}, {0, 4, 0, 4, 8}},
         // Starting again doesn't renew the attempts of a chunk that keeps failing.
-        TCase{"ConvertedGivesUp",
-              10,
-              4,
-              -1,
-              ".pdf",
-              {{2, F::Status500}, {4, F::Status500}, {6, F::Status500}},
-              {0, 4, 0, 4, 0, 4},
-              500},
+        {"ConvertedGivesUp", 10, 4, -1, ".pdf", {{2, F::Status500}, {4, F::Status500}, {6, F::Status500}}, {0, 4, 0, 4, 0, 4}, 500},
         // Not retried: a refusal; retried a bounded number of times: a failing server.
-        TCase{"NotFound", 10, 4, -2, "", {{2, F::NotFound}}, {0, 4}, 404},
-        TCase{"GivesUp",
-              10,
-              4,
-              -2,
-              "",
-              {{2, F::Status500}, {3, F::Status500}, {4, F::Status500}},
-              {0, 4, 4, 4},
-              500},
+        {"NotFound", 10, 4, -2, "", {{2, F::NotFound}}, {0, 4}, 404},
+        {"GivesUp", 10, 4, -2, "", {{2, F::Status500}, {3, F::Status500}, {4, F::Status500}}, {0, 4, 4, 4}, 500},
         // The listing's size is a promise: more or fewer bytes fail.
-        TCase{"ShorterThanListed", 10, 4, 12, "", {}, {0, 4, 8}, 0},
-        TCase{"LongerThanListed", 10, 4, 6, "", {}, {0, 4}, 0}),
-    [](const auto& info) { return std::string(info.param.Name); });
+        {"ShorterThanListed", 10, 4, 12, "", {}, {0, 4, 8}, 0},
+        {"LongerThanListed", 10, 4, 6, "", {}, {0, 4}, 0},
+    };
+    // clang-format on
+    for (const TCase& c : cases) {
+        SCOPED_TRACE(c.Name);
+        std::string doc;
+        for (std::size_t i = 0; i < c.DocSize; ++i)
+            doc += static_cast<char>(i * 7 + 1);  // every byte value, zeros included
+        TFakeService fake(doc);
+        fake.Faults = c.Faults;
+        TRemoteClientOptions o;
+        o.Retries = 2;
+        o.RetryDelay = std::chrono::milliseconds(1);
+        TRemoteClient client(fake.URL(), o);
+        client.Login("u", "secret");
+        TDownloadRequest req;
+        req.StorageUID = "{S}";
+        req.SchemaName = "contacts";
+        req.RecordUID = "{R}";
+        req.ServerDBID = 7;
+        req.ChunkSize = c.Chunk;
+        req.Format = c.Format;
+        req.ExpectedSize = c.Expected == -2 ? static_cast<std::int64_t>(c.DocSize) : c.Expected;
+        TStringSink sink;
+        if (c.Status >= 0) {
+            try {
+                client.Download(req, sink);
+                ADD_FAILURE() << "no failure";
+            } catch (const ERemoteError& e) {
+                EXPECT_EQ(e.Status(), c.Status) << e.what();
+            } catch (const Exception& e) {
+                EXPECT_EQ(0, c.Status) << e.what();  // the size checks raise plain exceptions
+            }
+        } else {
+            const TDownloadResult r = client.Download(req, sink);
+            EXPECT_EQ(sink.Data, doc);
+            EXPECT_EQ(r.Bytes, static_cast<std::int64_t>(doc.size()));
+            EXPECT_EQ(r.Name, "a.txt");
+            // A renewed session repeats its request without counting as a retry.
+            EXPECT_EQ(r.Retries, std::count_if(c.Faults.begin(), c.Faults.end(), [](const auto& f) {
+                          return f.second != TFault::SessionEnded;
+                      }));
+        }
+        EXPECT_EQ(fake.Positions, c.Positions);
+    }
+}
 
 TEST(RemoteClient, WrongPasswordAndNoServer) {
     TFakeService fake("x");

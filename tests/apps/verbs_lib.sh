@@ -1,6 +1,6 @@
 # Shared by the end-to-end tests of the docadmin verbs, sourced with a name and the program:
 #   source verbs_lib.sh NAME path/to/docadmin
-# Gives a private data folder as the working folder, fail, expect and finish.
+# Gives a private data folder as the working folder, fail, expect, refuses and finish.
 bin=$(realpath "$2")
 work=$(mktemp -d "/tmp/$1.XXXXXX")
 trap 'rm -rf "$work"' EXIT
@@ -22,6 +22,13 @@ expect() {
     local rc=$?
     err=$(cat "$work/stderr")
     [[ $rc -eq $want ]] || fail "exit $rc (wanted $want): $* :: $err"
+}
+# [input=TEXT] refuses PATTERN CMD...: expect 1, with the standard error matching the glob PATTERN.
+refuses() {
+    local pattern=$1
+    shift
+    expect 1 "$@"
+    [[ $err == $pattern ]] || fail "$*: wanted an error like $pattern :: $err"
 }
 # finish MESSAGE: the exit status of the test.
 finish() {

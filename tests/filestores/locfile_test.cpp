@@ -20,6 +20,7 @@ using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
 TEST_F(LocalStoreTest, FolderComesFromTheSelectedDatabaseOrTheDefaultDocRoot) {
+    host.dbSettings.clear();
     EXPECT_EQ(Make()->FilePath(), host.defaultDocRoot);
     EXPECT_TRUE(fs::is_directory(host.defaultDocRoot)) << "created on first use";
 
@@ -56,7 +57,6 @@ TEST_F(LocalStoreTest, ServerFolderComesFromFileRootElseTheSelectedDatabase) {
 }
 
 TEST_F(LocalStoreTest, NoCompressionStoresPlainFilesStillReadsContainersExceptOnTheServer) {
-    host.dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
     const std::string content = TextBytes(2'000'000);
     const std::string local = LocalFile("doc", content);
 
@@ -81,7 +81,6 @@ TEST_F(LocalStoreTest, NoCompressionStoresPlainFilesStillReadsContainersExceptOn
 }
 
 TEST_F(LocalStoreTest, UploadReportsCompressEvents) {
-    host.dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
     auto s = Make();
     std::vector<std::string> events;
     s->OnCompressStart = [&](TObject*, const std::string& f, TCompressMode m) {
@@ -98,14 +97,10 @@ TEST_F(LocalStoreTest, UploadReportsCompressEvents) {
 TEST_F(LocalStoreTest, FolderThatCannotBeCreatedRaisesEFCreateError) {
     WriteAll(dir / "afile", "x");
     host.dbSettings[{0, "DocumentsPath"}] = (dir / "afile" / "repo").string();
-    try {
-        Make();
-        FAIL() << "no exception";
-    } catch (const EFCreateError& e) {
-        EXPECT_THAT(e.Message(), StartsWith("Error creating docroot \"" +
-                                            (dir / "afile" / "repo").string() + "\"!\r\n"));
-        EXPECT_THAT(e.Message(), HasSubstr("Not a directory"));
-    }
+    const std::string message = MessageOf<EFCreateError>([&] { Make(); });
+    EXPECT_THAT(message, StartsWith("Error creating docroot \"" +
+                                    (dir / "afile" / "repo").string() + "\"!\r\n"));
+    EXPECT_THAT(message, HasSubstr("Not a directory"));
 }
 
 TEST_F(LocalStoreTest, NewFolderIsSeededOnceFromTheOldRootWithoutOverwriting) {
@@ -152,20 +147,15 @@ TEST_F(LocalStoreTest, NewFolderIsSeededOnceFromTheOldRootWithoutOverwriting) {
 
 // A missing local file fails the upload before any transfer ends and leaves no temporary.
 TEST_F(LocalStoreTest, UploadOfAMissingLocalFileRaisesAndLeavesNothing) {
-    host.dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
     const std::string missing = (dir / "local" / "missing.txt").string();
     EXPECT_THROW(Make()->UploadFile(missing, "", upmNew), EFOpenError);  // compressed
     host.user.bools[{"DocAdmin", "NoCompression"}] = true;
     auto s = Make();
     bool ended = false;
     s->OnTransferEnd = [&](TObject*, std::int64_t) { ended = true; };
-    try {
-        s->UploadFile(missing, "", upmNew);
-        FAIL() << "no exception";
-    } catch (const EKRUserMessageException& e) {
-        EXPECT_THAT(e.Message(), StartsWith("Local file " + missing +
-                                            " not found. Can't save to repository! (No such file"));
-    }
+    EXPECT_THAT(MessageOf<EKRUserMessageException>([&] { s->UploadFile(missing, "", upmNew); }),
+                StartsWith("Local file " + missing +
+                           " not found. Can't save to repository! (No such file"));
     EXPECT_FALSE(ended);
     EXPECT_THAT(ListNames(dir / "repo"), IsEmpty());
 }
@@ -190,7 +180,6 @@ class CrashingStore : public TDocFileLoaderLocFile {
 };
 
 TEST_F(LocalStoreTest, UploadCutShortBeforeTheRenameLeavesTheOldContent) {
-    host.dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
     for (bool noCompression : {false, true}) {
         host.user.bools[{"DocAdmin", "NoCompression"}] = noCompression;
         auto s = Make<CrashingStore>();
@@ -206,7 +195,6 @@ TEST_F(LocalStoreTest, UploadCutShortBeforeTheRenameLeavesTheOldContent) {
 
 TEST_F(LocalStoreTest, LeftoverOfAnInterruptedUploadDoesNotDisturb) {
     // What a real crash leaves: a complete or partial temporary file beside the target.
-    host.dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
     auto s = Make();
     const std::string name = s->UploadFile(LocalFile("v1", "old"), "", upmNew);
     WriteAll(dir / "repo" / (".~" + name + ".0123.tmp"), "half");
@@ -223,7 +211,6 @@ TEST_F(LocalStoreTest, LeftoverOfAnInterruptedUploadDoesNotDisturb) {
 
 TEST_F(LocalStoreTest, ManyUploadsFromTwoStoresLeaveOnlyTheRemoteNames) {
     // Temporary names are drawn per process; two stores on one folder must still never share one.
-    host.dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
     auto a = Make();
     auto b = Make();
     b->SetUseCompression(false);
@@ -250,7 +237,6 @@ TEST_F(LocalStoreTest, ManyUploadsFromTwoStoresLeaveOnlyTheRemoteNames) {
 // With compression off, a file that a reader would take for a container or a legacy compressed
 // file still goes into a container, so that it comes back byte for byte.
 TEST_F(LocalStoreTest, NoCompressionStillPacksFilesThatWouldBeMisread) {
-    host.dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
     host.user.bools[{"DocAdmin", "NoCompression"}] = true;
     auto s = Make();
     const std::string text = TextBytes(100'000);
@@ -270,7 +256,6 @@ TEST_F(LocalStoreTest, FilesTooLargeForAContainerAreStoredPlainOrRefused) {
     const std::uint64_t saved = TECLStream::MaxFileOffset;
     TFinally restore{[saved] { TECLStream::MaxFileOffset = saved; }};
     TECLStream::MaxFileOffset = 4000;
-    host.dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
     for (bool noCompression : {false, true}) {
         host.user.bools[{"DocAdmin", "NoCompression"}] = noCompression;
         auto s = Make();
@@ -286,12 +271,10 @@ TEST_F(LocalStoreTest, FilesTooLargeForAContainerAreStoredPlainOrRefused) {
         }
         for (const std::string& misread :
              {"AACS" + random, DeflateWith(RandomBytes(10'000), Wrapper::gzip)}) {
-            try {
-                s->UploadFile(LocalFile("m", misread), plain, upmChange);
-                FAIL() << "stored a file that would read back as another";
-            } catch (const EKRUserMessageException& e) {
-                EXPECT_THAT(e.Message(), HasSubstr("too large for a container"));
-            }
+            // Stored, it would read back as another file.
+            EXPECT_THAT(MessageOf<EKRUserMessageException>(
+                            [&] { s->UploadFile(LocalFile("m", misread), plain, upmChange); }),
+                        HasSubstr("too large for a container"));
         }
         EXPECT_THAT(ListNames(dir / "repo"), ElementsAre(plain));
         EXPECT_EQ(ReadAll(dir / "repo" / plain), random);
@@ -302,7 +285,6 @@ TEST_F(LocalStoreTest, FilesTooLargeForAContainerAreStoredPlainOrRefused) {
 // A write that the system refuses says which file and why, also in the bare stream texts; the
 // destination of a failed download keeps its content.
 TEST_F(LocalStoreTest, WriteFailuresNameTheFileAndTheReason) {
-    host.dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
     auto s = Make();
     const std::string content = RandomBytes(300'000);
     const std::string local = LocalFile("big", content);
@@ -347,7 +329,6 @@ TEST_F(LocalStoreTest, WriteFailuresNameTheFileAndTheReason) {
 // live process holds stays.
 TEST_F(LocalStoreTest, TemporariesOfDeadProcessesGoAtTheNextStart) {
     fs::create_directories(dir / "repo");
-    host.dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
     int ready[2];
     ASSERT_EQ(::pipe(ready), 0);
     const pid_t child = ::fork();

@@ -17,7 +17,6 @@ using ::testing::IsEmpty;
 
 class PreparedUploadTest : public LocalStoreTest {
   protected:
-    PreparedUploadTest() { host.dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string(); }
     std::vector<std::string> LocalFiles(int n, std::size_t size) {
         std::vector<std::string> files;
         for (int i = 0; i < n; ++i) {

@@ -13,27 +13,10 @@
 
 namespace docadmin::test {
 
-// What the suite needs of a store under test.
-class StoreEnv {
-  public:
-    virtual ~StoreEnv() = default;
-    virtual TBaseDocFileLoader& Store() = 0;
-    virtual void PutRaw(const std::string& remote, const std::string& bytes) = 0;
-    virtual std::string GetRaw(const std::string& remote) = 0;
-    // Every name the repository holds, sorted.
-    virtual std::vector<std::string> ListRaw() = 0;
-    // Message of a download of a missing name and of a removal of one.
-    virtual std::string MissingDownloadText(const std::string& remote) = 0;
-    virtual std::string MissingRemoveText(const std::string& remote) = 0;
-    // A scratch folder for local files, outside the repository.
-    virtual fs::path Local() = 0;
-    // Where the repository keeps a remote name.
-    virtual fs::path RawPath(const std::string& remote) = 0;
-};
-
-// A local store in a scratch folder, created through the fake host.
+// A local store in a scratch folder, created through the fake host. What the suite needs of a
+// store under test; a store of another kind gives the same members.
 template <class TStore>
-class LocalStoreEnv : public StoreEnv {
+class LocalStoreEnv {
   public:
     LocalStoreEnv() {
         fs::create_directories(dir_ / "local");
@@ -43,22 +26,21 @@ class LocalStoreEnv : public StoreEnv {
         store_->SetMainInterface(&host_);
         store_->LoadSettings(false);
     }
-    TBaseDocFileLoader& Store() override { return *store_; }
-    void PutRaw(const std::string& remote, const std::string& bytes) override {
-        WriteAll(dir_ / "repo" / remote, bytes);
+    TBaseDocFileLoader& Store() { return *store_; }
+    // Where the repository keeps a remote name, and the bytes there.
+    fs::path RawPath(const std::string& remote) { return dir_ / "repo" / remote; }
+    void PutRaw(const std::string& remote, const std::string& bytes) {
+        WriteAll(RawPath(remote), bytes);
     }
-    std::string GetRaw(const std::string& remote) override {
-        return ReadAll(dir_ / "repo" / remote);
+    std::string GetRaw(const std::string& remote) { return ReadAll(RawPath(remote)); }
+    // Every name the repository holds, sorted.
+    std::vector<std::string> ListRaw() { return ListNames(dir_ / "repo"); }
+    // The message of a download of a missing name.
+    std::string MissingDownloadText(const std::string& remote) {
+        return "File " + RawPath(remote).string() + " not found in repository!";
     }
-    std::vector<std::string> ListRaw() override { return ListNames(dir_ / "repo"); }
-    std::string MissingDownloadText(const std::string& remote) override {
-        return "File " + (dir_ / "repo").string() + "/" + remote + " not found in repository!";
-    }
-    std::string MissingRemoveText(const std::string& remote) override {
-        return MissingDownloadText(remote);
-    }
-    fs::path Local() override { return dir_ / "local"; }
-    fs::path RawPath(const std::string& remote) override { return dir_ / "repo" / remote; }
+    // A scratch folder for local files, outside the repository.
+    fs::path Local() { return dir_ / "local"; }
 
   private:
     ScratchDir dir_;
@@ -69,13 +51,14 @@ class LocalStoreEnv : public StoreEnv {
 using LocFileEnv = LocalStoreEnv<TDocFileLoaderLocFile>;
 using LocServerEnv = LocalStoreEnv<TDocFileLoaderLocServer>;
 
-// Local stores made through the fake host with its settings as a test sets them; local files in
-// "local" of the test's scratch folder.
+// Local stores made through the fake host with its settings as a test sets them; the selected
+// database keeps its documents in "repo", local files are in "local" of the test's scratch folder.
 class LocalStoreTest : public ::testing::Test {
   protected:
     LocalStoreTest() {
         host.userDocuments = (dir / "userdocs").string();
         host.defaultDocRoot = (dir / "data" / "docroot").string();
+        host.dbSettings[{0, "DocumentsPath"}] = (dir / "repo").string();
         fs::create_directories(dir / "local");
     }
     template <class T = TDocFileLoaderLocFile>

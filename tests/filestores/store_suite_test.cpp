@@ -104,12 +104,10 @@ TYPED_TEST(StoreSuite, PlainAndLegacyFilesOfEarlierGenerationsArriveAsPlainConte
 
 TYPED_TEST(StoreSuite, MissingFileRaisesBeforeAnyEvent) {
     const auto dest = this->env.Local() / "dest";
-    try {
-        this->env.Store().DownloadFile("0000000000000000000000000000000A", dest.string());
-        FAIL() << "no exception";
-    } catch (const EFileNotFoundInRepositoryException& e) {
-        EXPECT_EQ(e.Message(), this->env.MissingDownloadText("0000000000000000000000000000000A"));
-    }
+    const std::string name = "0000000000000000000000000000000A";
+    EXPECT_EQ(MessageOf<EFileNotFoundInRepositoryException>(
+                  [&] { this->env.Store().DownloadFile(name, dest.string()); }),
+              this->env.MissingDownloadText(name));
     EXPECT_THAT(this->events, IsEmpty());
     EXPECT_FALSE(fs::exists(dest));
 }
@@ -121,13 +119,9 @@ TYPED_TEST(StoreSuite, RemovalFailsOnlyWhenTheFileStays) {
     // A name the store can't delete: a folder with content stands there.
     const fs::path stuck = this->env.RawPath("STUCK");
     fs::create_directories(stuck / "inside");
-    try {
-        this->env.Store().RemoveFile("STUCK", "stuck");
-        FAIL() << "no exception";
-    } catch (const EKRUserMessageException& e) {
-        EXPECT_EQ(e.Message(), "File " + stuck.string() +
-                                   " can't be removed from the repository: Is a directory");
-    }
+    EXPECT_EQ(
+        MessageOf<EKRUserMessageException>([&] { this->env.Store().RemoveFile("STUCK", "stuck"); }),
+        "File " + stuck.string() + " can't be removed from the repository: Is a directory");
     EXPECT_TRUE(fs::exists(stuck / "inside"));
 }
 
@@ -146,16 +140,11 @@ TYPED_TEST(StoreSuite, DamagedOrMissizedContentNeverReachesTheDestination) {
     this->env.PutRaw("CUT", raw.substr(0, 128 + 16 + firstPacked));  // block 2 of 2 is gone
     const std::string dest = this->LocalFile("dest", "old content");
     const auto localBefore = ListNames(this->env.Local());
-    try {
-        store.DownloadFile("CUT", dest);
-        FAIL() << "a cut container was read as complete";
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.Message(),
-                  "TECLStream.LoadBlock - decompression error. The header announces 2 blocks, but "
-                  "the file ends after block 1 (" +
-                      std::to_string(128 + 16 + firstPacked) + " bytes). (while reading \"" +
-                      this->env.RawPath("CUT").string() + "\" into \"" + dest + "\")");
-    }
+    EXPECT_EQ(MessageOf<Exception>([&] { store.DownloadFile("CUT", dest); }),
+              "TECLStream.LoadBlock - decompression error. The header announces 2 blocks, but "
+              "the file ends after block 1 (" +
+                  std::to_string(128 + 16 + firstPacked) + " bytes). (while reading \"" +
+                  this->env.RawPath("CUT").string() + "\" into \"" + dest + "\")");
     for (std::int64_t wrong : {std::int64_t{0}, static_cast<std::int64_t>(content.size()) + 1})
         EXPECT_THROW(store.DownloadFileOfSize(name, dest, wrong), EReadError);
     EXPECT_EQ(ReadAll(dest), "old content");
@@ -178,7 +167,9 @@ TYPED_TEST(StoreSuite, DownloadOntoTheStoredFileIsRefused) {
     EXPECT_EQ(this->env.GetRaw(name), raw);
 }
 
-TYPED_TEST(StoreSuite, NonBlockedDownloadReportsAMissingFileThroughTheCallBack) {
+// The non-blocking default reports through the callback before it returns, and keeps no
+// reference to it.
+TYPED_TEST(StoreSuite, NonBlockedDownloadReportsThroughTheCallBack) {
     IPtr<RecordingCallBack> cb(new RecordingCallBack);
     const std::string dest = (this->env.Local() / "d").string();
     EXPECT_NO_THROW(this->env.Store().DownloadFileNonBlocked("NOPE", dest, cb.get()));
@@ -190,6 +181,13 @@ TYPED_TEST(StoreSuite, NonBlockedDownloadReportsAMissingFileThroughTheCallBack) 
     this->env.Store().DownloadFileNonBlocked(name, dest, cb.get());
     EXPECT_THAT(cb->log, ElementsAre("done " + dest));
     EXPECT_EQ(ReadAll(dest), "abc");
+
+    // A failure of DownloadDone itself arrives at DownloadFailed too.
+    cb->log.clear();
+    cb->failInDone = true;
+    EXPECT_NO_THROW(this->env.Store().DownloadFileNonBlocked(name, dest, cb.get()));
+    EXPECT_THAT(cb->log, ElementsAre("done " + dest, "failed " + dest + ": disk full"));
+    EXPECT_EQ(cb->RefCount(), 1);
 }
 
 TYPED_TEST(StoreSuite, RefusedRemoteNamesLeaveEverythingUntouched) {
@@ -204,7 +202,8 @@ TYPED_TEST(StoreSuite, RefusedRemoteNamesLeaveEverythingUntouched) {
     // Names of the store's own temporaries too: a clean-up would delete such a file.
     for (const std::string& bad :
          {std::string(), std::string("."), std::string(".."), escape, std::string("a\\b"),
-          keep + std::string("\0x", 2), std::string(".~prepared.keep.tmp"), ".~" + keep}) {
+          std::string("a/b"), std::string("/"), keep + std::string("\0x", 2),
+          std::string(".~prepared.keep.tmp"), ".~" + keep}) {
         const std::string dest = (this->env.Local() / "dest").string();
         EXPECT_THROW(store.UploadFile(this->LocalFile("new", "new"), bad, upmChange),
                      EKRUserMessageException);

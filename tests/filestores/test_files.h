@@ -44,6 +44,18 @@ inline std::string RandomBytes(size_t n, unsigned seed = 2) {
     return s;
 }
 
+// The message of the E that AAction raises; a test failure when it raises none.
+template <class E, class F>
+std::string MessageOf(F AAction) {
+    try {
+        AAction();
+    } catch (const E& e) {
+        return e.Message();
+    }
+    ADD_FAILURE() << "no exception";
+    return {};
+}
+
 // A folder of its own for each test, removed afterwards.
 class ScratchDir {
   public:

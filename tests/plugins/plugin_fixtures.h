@@ -19,10 +19,12 @@
 #include <unistd.h>
 
 #include "_PluginBase.h"
+#include "_TClientSQL.h"
 #include "_THost.h"
 #include "_dmDocAdminMain.h"
 #include "_dmDocAdminRepository.h"
 #include "host/db/db_test_support.h"
+#include "host/rest/rest_test_support.h"
 #include "host/runtime/test_main_interface.h"
 
 extern "C" void InitProc(docadmin::TClientPluginBase** APlugin);
@@ -49,6 +51,28 @@ inline void WriteText(const fs::path& AFile, const std::string& AText) {
 inline std::string ReadText(const fs::path& AFile) {
     std::ifstream in(AFile, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), {}};
+}
+
+using TRowFields = std::initializer_list<std::pair<const char*, TVariant>>;
+
+// Inserts a row as a client does and answers its key.
+inline std::int64_t InsertRow(IDBInterface* ADB, const std::string& ASchema, TRowFields AFields) {
+    TClientSQL insert(nullptr, ADB);
+    insert.SetStatementKind(skInsert);
+    insert.SetSchemaName(ASchema);
+    for (const auto& [name, value] : AFields)
+        insert.GetFields()->AddField(name, value);
+    std::int64_t id = 0;
+    insert.ExecuteSQL(id);
+    return id;
+}
+
+inline void DeleteRow(IDBInterface* ADB, const std::string& ASchema, std::int64_t AID) {
+    TClientSQL del(nullptr, ADB);
+    del.SetStatementKind(skDelete);
+    del.SetSchemaName(ASchema);
+    AddFilter(del.GetFilters(), "id", TVariant(static_cast<long long>(AID)));
+    del.ExecuteSQL();
 }
 
 // Plug-ins that count as loaded, by GUID, for the cleanup that skips plug-ins that aren't; the
@@ -111,14 +135,6 @@ class TModuleRun {
 // A host without a database: the answers of the store choice, and a local store folder.
 class TChoiceMain : public TTestMainInterface, public IVantrelDatabaseRepository {
   public:
-    HRESULT QueryInterface(const TGUID& iid, void** obj) override {
-        *obj = iid == IMainInterface::IID || iid == IInterface::IID
-                   ? static_cast<IMainInterface*>(this)
-                   : nullptr;
-        return *obj ? S_OK : E_NOINTERFACE;
-    }
-    std::int32_t _AddRef() override { return -1; }
-    std::int32_t _Release() override { return -1; }
     IVantrelDatabaseRepository* GetDatabaseRepository() override { return this; }
     std::uint8_t RunMode() override { return Mode; }
     IServerConnection* GetServerConnection() override {
@@ -194,16 +210,8 @@ class ModuleHostTest : public ::testing::TestWithParam<std::string> {
     TdmDocAdminRepository& Repo() { return *TdmDocAdminRepository::Instance(); }
     IDBInterface* DB() { return FHost->GetDBInterface(); }
 
-    std::int64_t Insert(const std::string& ASchema,
-                        std::initializer_list<std::pair<const char*, TVariant>> AFields) {
-        TClientSQL insert(nullptr, DB());
-        insert.SetStatementKind(skInsert);
-        insert.SetSchemaName(ASchema);
-        for (const auto& [name, value] : AFields)
-            insert.GetFields()->AddField(name, value);
-        std::int64_t id = 0;
-        insert.ExecuteSQL(id);
-        return id;
+    std::int64_t Insert(const std::string& ASchema, TRowFields AFields) {
+        return InsertRow(DB(), ASchema, AFields);
     }
     int RowCount(const std::string& ASchema, const std::string& AField = "",
                  const TVariant& AValue = TVariant()) {
@@ -231,6 +239,20 @@ class ModuleHostTest : public ::testing::TestWithParam<std::string> {
     std::string FExtraConfig;  // TOML behind the database table
     std::unique_ptr<docadmin::testing::TPGTestSchema> FPG;
     std::unique_ptr<TTestHost> FHost;
+    std::unique_ptr<TModuleRun> FModule;
+};
+
+// The module on a host that serves HTTP, over the backend of the test parameter. A test's SetUp
+// starts the module (FModule) and the server once its data is in place.
+class ModuleRestTest : public TRestServerFixture,
+                       public ::testing::WithParamInterface<std::string> {
+  protected:
+    std::string Backend() const override { return GetParam(); }
+    void TearDown() override {
+        FServer.reset();
+        FModule.reset();
+        TRestServerFixture::TearDown();
+    }
     std::unique_ptr<TModuleRun> FModule;
 };
 

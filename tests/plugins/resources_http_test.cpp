@@ -1,7 +1,6 @@
 // /resources over real HTTP with the module loaded, on SQLite and PostgreSQL: listing and acting
 // on a record's linked documents and on a doc:// tree as users of different rights.
 #include "_TKRRecordSet.h"
-#include "host/rest/rest_test_support.h"
 #include "plugin_fixtures.h"
 
 using namespace docadmin;
@@ -11,10 +10,8 @@ namespace {
 
 using json = nlohmann::ordered_json;
 
-class ResourcesHTTP : public TRestServerFixture, public ::testing::WithParamInterface<std::string> {
+class ResourcesHTTP : public ModuleRestTest {
   protected:
-    std::string Backend() const override { return GetParam(); }
-
     // Documents, stored by alice (so that folders get her default group, none): Files/pub.txt (no
     // group) and Files/Sales/sec.txt (group sales), both linked to CONTACTS 5. alice has full
     // rights in sales, bob none, carol is a read-only user with full rights in sales.
@@ -55,12 +52,6 @@ class ResourcesHTTP : public TRestServerFixture, public ::testing::WithParamInte
         for (const char* user : {"alice", "bob", "carol"})
             FTokens[user] = Login(user);
     }
-    void TearDown() override {
-        FServer.reset();
-        FModule.reset();
-        TRestServerFixture::TearDown();
-    }
-
     THTTPAnswer Request(const std::string& AUser, const std::string& AMethod,
                         const std::string& AIdentifier, std::int64_t AID, const std::string& AQuery,
                         const std::string& ABody = "") {
@@ -89,7 +80,6 @@ class ResourcesHTTP : public TRestServerFixture, public ::testing::WithParamInte
         return rs.GetRecordCount();
     }
 
-    std::unique_ptr<TModuleRun> FModule;
     std::map<std::string, std::string> FTokens;
     std::int64_t FPub = 0, FSec = 0;
 };
@@ -141,10 +131,8 @@ TEST_P(ResourcesHTTP, LinkedDocumentsUnderEachUsersRights) {
 
     // A link of a document alice may see (listed by the document's own name); then the document
     // goes with all its links.
-    EXPECT_EQ(Request("alice", "POST", "CONTACTS", 6,
-                      "&action=add_link&name=s.txt&document_id=" + std::to_string(FSec))
-                  .Status,
-              200);
+    const std::string link = "&action=add_link&name=s.txt&document_id=" + std::to_string(FSec);
+    EXPECT_EQ(Request("alice", "POST", "CONTACTS", 6, link).Status, 200);
     EXPECT_EQ(Names(List("alice", "CONTACTS", 6)), std::vector<std::string>{"sec.txt"});
     EXPECT_EQ(LinkRows(FSec), 2);
     EXPECT_EQ(Request("alice", "POST", "CONTACTS", 5, "&action=delete" + sec).Status, 200);
@@ -156,29 +144,28 @@ TEST_P(ResourcesHTTP, LinkedDocumentsUnderEachUsersRights) {
 TEST_P(ResourcesHTTP, ADocumentTreeByAddress) {
     if (IsSkipped()) return;
     const std::string tree = "doc://\"Shared\"";
+    const auto post = [&](const char* AUser, const std::string& AQuery, const char* ABody = "") {
+        return Request(AUser, "POST", tree, 0, AQuery, ABody);
+    };
     EXPECT_TRUE(List("alice", tree, 0).empty());
-    EXPECT_EQ(Request("carol", "POST", tree, 0, "&action=add_directory&name=Inbox").Status, 403);
-    EXPECT_EQ(Request("alice", "POST", tree, 0, "&action=add_directory&name=a/b").Status, 400);
-    EXPECT_EQ(Request("alice", "POST", tree, 0, "&action=add_directory&name=Inbox").Status, 200);
-    EXPECT_EQ(Request("alice", "POST", tree, 0, "&action=add_document&name=x.txt", "xx").Status,
-              200);
+    EXPECT_EQ(post("carol", "&action=add_directory&name=Inbox").Status, 403);
+    EXPECT_EQ(post("alice", "&action=add_directory&name=a/b").Status, 400);
+    EXPECT_EQ(post("alice", "&action=add_directory&name=Inbox").Status, 200);
+    EXPECT_EQ(post("alice", "&action=add_document&name=x.txt", "xx").Status, 200);
     const json top = List("alice", tree, 0);
     ASSERT_EQ(Names(top), (std::vector<std::string>{"Inbox", "x.txt"}));
     EXPECT_TRUE(top[0]["has_children"].get<bool>());
     const std::string inbox = top[0]["ref"];
     EXPECT_EQ(inbox.substr(0, 2), "d:");
-    EXPECT_EQ(
-        Request("alice", "POST", tree, 0, "&action=add_document&name=y.txt&ref=" + inbox, "yy")
-            .Status,
-        200);
+    EXPECT_EQ(post("alice", "&action=add_document&name=y.txt&ref=" + inbox, "yy").Status, 200);
     const json children = List("alice", tree, 0, "&ref=" + inbox);
     ASSERT_EQ(Names(children), std::vector<std::string>{"y.txt"});
     const std::string y = children[0]["ref"];
-    const THTTPAnswer copy = Request("bob", "POST", tree, 0, "&action=save_copy&ref=" + y);
+    const THTTPAnswer copy = post("bob", "&action=save_copy&ref=" + y);
     EXPECT_EQ(copy.Status, 200);
     EXPECT_EQ(copy.Body, "yy");
     EXPECT_NE(copy.Header("Content-Disposition").find("y.txt"), std::string::npos);
-    EXPECT_EQ(Request("alice", "POST", tree, 0, "&action=delete&ref=" + inbox).Status, 200);
+    EXPECT_EQ(post("alice", "&action=delete&ref=" + inbox).Status, 200);
     EXPECT_EQ(Names(List("alice", tree, 0)), std::vector<std::string>{"x.txt"});
 }
 

@@ -95,6 +95,27 @@ class Resources : public ModuleHostTest {
         for (const auto& e : fs::recursive_directory_iterator(FDir / "store"))
             if (e.is_regular_file()) fs::remove(e.path());
     }
+    // View, monitored edit, copy and replace of the document AResource (holding ABefore); then
+    // copies of the new content and, once the stored file is gone, failed copies: reported when
+    // not blocking, raised when blocking.
+    void ExpectDocumentActions(IRessourceContainer* AContainer, IRessource* AResource,
+                               const std::string& ABefore) {
+        EXPECT_TRUE(Act(AContainer, raView, AResource));
+        EXPECT_TRUE(Act(AContainer, raEditMonitored, AResource));
+        EXPECT_EQ(Copy(AContainer, AResource), ABefore);
+        EXPECT_TRUE(Act(AContainer, raReplace, AResource, LocalFile("new.txt", "replaced")));
+        EXPECT_EQ(Copy(AContainer, AResource), "replaced");  // not the file first listed
+        IPtr<TCallBack> cb(new TCallBack);
+        const std::string dest = (FDir / "nb").string();
+        EXPECT_TRUE(Act(AContainer, raSaveCopy, AResource, dest, "", cb.get()));
+        EXPECT_EQ(cb->Done, std::vector<std::string>{dest});
+        EXPECT_EQ(ReadText(dest), "replaced");
+        EmptyStore();
+        EXPECT_TRUE(Act(AContainer, raSaveCopy, AResource, dest, "", cb.get()));
+        ASSERT_EQ(cb->Failed.size(), 1u);
+        EXPECT_FALSE(cb->Failed[0].empty());
+        EXPECT_ANY_THROW(Act(AContainer, raSaveCopy, AResource, dest));
+    }
     int Links(std::int64_t ADocumentID) {
         return RowCount("docadminressources", "documentid",
                         TVariant(static_cast<long long>(ADocumentID)));
@@ -195,23 +216,8 @@ TEST_P(Resources, ActionsOnALinkedDocument) {
     ASSERT_EQ(c->Get_Count(), 1);
     IPtr<IRessource> r = c->Get_Item(0);
 
-    EXPECT_TRUE(Act(c.get(), raView, r.get()));
-    EXPECT_TRUE(Act(c.get(), raEditMonitored, r.get()));
-    EXPECT_EQ(Copy(c.get(), r.get()), "first");
-    EXPECT_TRUE(Act(c.get(), raReplace, r.get(), LocalFile("new.txt", "second")));
-    EXPECT_EQ(Copy(c.get(), r.get()), "second");  // the new file, not the one first listed
-    EXPECT_EQ(r->Get_Size(), 6);
-
-    IPtr<TCallBack> cb(new TCallBack);
-    const std::string dest = (FDir / "nb").string();
-    EXPECT_TRUE(Act(c.get(), raSaveCopy, r.get(), dest, "", cb.get()));
-    EXPECT_EQ(cb->Done, std::vector<std::string>{dest});
-    EXPECT_EQ(ReadText(dest), "second");
-    EmptyStore();
-    EXPECT_TRUE(Act(c.get(), raSaveCopy, r.get(), dest, "", cb.get()));
-    ASSERT_EQ(cb->Failed.size(), 1u);
-    EXPECT_FALSE(cb->Failed[0].empty());
-    EXPECT_ANY_THROW(Act(c.get(), raSaveCopy, r.get(), dest));  // blocking: raised
+    ExpectDocumentActions(c.get(), r.get(), "first");
+    EXPECT_EQ(r->Get_Size(), 8);
 
     // The document goes, and with it every link to it, also another record's.
     EXPECT_TRUE(Act(c.get(), raDelete, r.get()));
@@ -242,16 +248,8 @@ TEST_P(Resources, ActionsOnATreeDocumentAndDirectory) {
     ASSERT_EQ(again->Get_Count(), 2);
     EXPECT_EQ(again->Get_Item(0)->Get_ChildCount(), 1);
 
-    EXPECT_TRUE(Act(c.get(), raView, top.get()));
-    EXPECT_TRUE(Act(c.get(), raEditMonitored, top.get()));
     EXPECT_EQ(Copy(c.get(), inner.get()), "inner");
-    EXPECT_TRUE(Act(c.get(), raReplace, top.get(), LocalFile("c.txt", "replaced")));
-    EXPECT_EQ(Copy(c.get(), top.get()), "replaced");
-
-    IPtr<TCallBack> cb(new TCallBack);
-    EmptyStore();
-    EXPECT_TRUE(Act(c.get(), raSaveCopy, top.get(), (FDir / "nb").string(), "", cb.get()));
-    EXPECT_EQ(cb->Failed.size(), 1u);
+    ExpectDocumentActions(c.get(), top.get(), "top");
 
     const int docs = RowCount("docadmindocs");
     EXPECT_TRUE(Act(c.get(), raDelete, top.get()));

@@ -6,8 +6,6 @@
 
 #include "_DBBackend.h"
 #include "_DocAdminSearch.h"
-#include "_TClientSQL.h"
-#include "host/rest/rest_test_support.h"
 #include "plugin_fixtures.h"
 
 namespace docadmin::test {
@@ -21,10 +19,8 @@ const std::string kUidB = "{5EA2C400-0000-4000-8000-00000000000B}";
 const std::string kUidC = "{5EA2C400-0000-4000-8000-00000000000C}";
 const std::string kUidD = "{5EA2C400-0000-4000-8000-00000000000D}";
 
-class Search : public TRestServerFixture, public ::testing::WithParamInterface<std::string> {
+class Search : public ModuleRestTest {
   protected:
-    std::string Backend() const override { return GetParam(); }
-
     // contacts Adams (A), Baker (B), Clark (C) and, kept by two plug-ins' record roots:
     //   contacts#Records/ Direct-offer.txt
     //                     A/ Letters/ Offer-draft.txt
@@ -56,22 +52,8 @@ class Search : public TRestServerFixture, public ::testing::WithParamInterface<s
         Doc(Dir(0, "Misc"), "offer.doc");
         StartServer();
     }
-    void TearDown() override {
-        FServer.reset();
-        FModule.reset();
-        TRestServerFixture::TearDown();
-    }
-
-    std::int64_t Insert(const std::string& ASchema,
-                        std::initializer_list<std::pair<const char*, TVariant>> AFields) {
-        TClientSQL insert(nullptr, FHost->GetDBInterface());
-        insert.SetStatementKind(skInsert);
-        insert.SetSchemaName(ASchema);
-        for (const auto& [name, value] : AFields)
-            insert.GetFields()->AddField(name, value);
-        std::int64_t id = 0;
-        insert.ExecuteSQL(id);
-        return id;
+    std::int64_t Insert(const std::string& ASchema, TRowFields AFields) {
+        return InsertRow(FHost->GetDBInterface(), ASchema, AFields);
     }
     std::int64_t Dir(std::int64_t AParent, const std::string& ATitle, std::int64_t AGroup = 0) {
         return Insert("docadmindir", {{"parentdirid", TVariant(static_cast<long long>(AParent))},
@@ -112,7 +94,6 @@ class Search : public TRestServerFixture, public ::testing::WithParamInterface<s
         return r;
     }
 
-    std::unique_ptr<TModuleRun> FModule;
     std::int64_t FHR = 0;
 };
 

@@ -32,17 +32,6 @@ const std::tuple<const char*, int, int> kTagCases[] = {
 class TMigrateHost : public test::TTestMainInterface, public ISettingsStorage, public IProgress {
   public:
     explicit TMigrateHost(IDBInterface* ADB) : DB(ADB), Settings(ADB) {}
-
-    HRESULT QueryInterface(const TGUID& iid, void** obj) override {
-        if (iid == IMainInterface::IID || iid == IInterface::IID) {
-            *obj = static_cast<IMainInterface*>(this);
-            return S_OK;
-        }
-        *obj = nullptr;
-        return E_NOINTERFACE;
-    }
-    std::int32_t _AddRef() override { return -1; }
-    std::int32_t _Release() override { return -1; }
     IDBFieldSchema* GetDBFieldSchema() override {
         return const_cast<IDBFieldSchema*>(DB->GetFieldSchema());
     }

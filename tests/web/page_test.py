@@ -149,11 +149,13 @@ class Page:
         return self.wait(lambda: self.el(selector).is_displayed() and self.el(selector), selector)
 
     def login(self, password="a-long-password"):
-        self.visible("#login-user").clear()
-        self.el("#login-user").send_keys("alice")
-        self.el("#login-password").clear()
-        self.el("#login-password").send_keys(password)
+        """Signs in as alice; with the right password waits for the application."""
+        for field, text in (("#login-user", "alice"), ("#login-password", password)):
+            self.visible(field).clear()
+            self.el(field).send_keys(text)
         self.el("#login-submit").click()
+        if password == "a-long-password":
+            self.visible("#app-view")
 
     def document_names(self):
         return [e.text for e in self.driver.find_elements("css selector", "#tree li.document .name")]
@@ -175,6 +177,13 @@ class Page:
     def shot(self, folder, name):
         self.driver.save_screenshot(str(folder / f"{name}.png"))
 
+    def sign_out(self):
+        """Signs out; every request the page made went to the server."""
+        foreign = self.foreign_requests()
+        check(not foreign, f"requests to other hosts: {foreign}")
+        self.el("#logout").click()
+        self.visible("#login-view")
+
     def quit(self):
         self.driver.quit()
 
@@ -184,7 +193,7 @@ def check(condition, message):
         raise AssertionError(message)
 
 
-def prepare_records(server, files):
+def prepare_records(server):
     """Three contacts; Clark holds a stored offer, so that the document search finds only him."""
     status, answer = server.call("POST", "/login",
                                  {"user": "alice", "password": "a-long-password", "session_type": 1})
@@ -217,16 +226,15 @@ def prepare_records(server, files):
 def scenario(server, work, artefacts):
     files = work / "files"
     files.mkdir()
-    first = files / "report.txt"
-    first.write_bytes(b"first report\n" * 100)
-    second = files / "picture.png"
-    # Binary content of several download chunks survives the round trip.
-    second.write_bytes(bytes(range(256)) * 4500 + b"end")
-    nested = files / "minutes.txt"
-    nested.write_bytes("Protokoll über Änderungen\n".encode() * 10)
-    newer = files / "report-v2.txt"
-    newer.write_bytes(b"second report\n" * 50)
-    prepare_records(server, files)
+    # The picture's binary content of several download chunks survives the round trip.
+    contents = {"report.txt": b"first report\n" * 100,
+                "picture.png": bytes(range(256)) * 4500 + b"end",
+                "minutes.txt": "Protokoll über Änderungen\n".encode() * 10,
+                "report-v2.txt": b"second report\n" * 50}
+    for name, data in contents.items():
+        (files / name).write_bytes(data)
+    first, second, nested, newer = (files / name for name in contents)
+    prepare_records(server)
 
     downloads = work / "downloads-en"
     downloads.mkdir()
@@ -237,7 +245,6 @@ def scenario(server, work, artefacts):
         page.login("wrong-password")
         page.wait(lambda: "wrong" in page.el("#login-message").text, "the wrong-password message")
         page.login()
-        page.visible("#app-view")
         check("alice" in page.el("#whoami").text, "the signed-in user is shown")
 
         # Find Clark by the name of his stored document.
@@ -328,8 +335,6 @@ def scenario(server, work, artefacts):
         page.el("#search-button").click()
         page.wait(lambda: "expired" in page.el("#login-message").text, "the expired-session message")
         page.login()
-        page.visible("#app-view")
-
         page.shot(artefacts, "en-records")
         phone_shots(page, artefacts, "en")
 
@@ -337,12 +342,9 @@ def scenario(server, work, artefacts):
         cookie = page.driver.get_cookie("docadmin_session")["value"]
         check(server.call("GET", "/session", cookie=f"docadmin_session={cookie}")[0] == 200,
               "the session before signing out")
-        page.el("#logout").click()
-        page.visible("#login-view")
+        page.sign_out()
         check(server.call("GET", "/session", cookie=f"docadmin_session={cookie}")[0] == 401,
               "the session after signing out")
-        foreign = page.foreign_requests()
-        check(not foreign, f"requests to other hosts: {foreign}")
         check(len(page.requests) > 10, "the network log recorded the page's requests")
     except Exception:
         page.shot(artefacts, "failure")
@@ -371,17 +373,13 @@ def german_screens(server, work, artefacts):
         check(page.el("#login-heading").text == "Anmelden", "German texts")
         page.shot(artefacts, "de-login")
         page.login()
-        page.visible("#app-view")
         page.wait(lambda: [b for b in page.driver.find_elements(
             "css selector", "#records-body button") if b.text == "Clark"][0], "Clark").click()
         page.wait(lambda: page.document_names(), "Clark's documents")
         check(page.el("#documents-heading").text == "Dokumente von Clark", "German heading")
         page.shot(artefacts, "de-documents")
         phone_shots(page, artefacts, "de")
-        foreign = page.foreign_requests()
-        check(not foreign, f"requests to other hosts: {foreign}")
-        page.el("#logout").click()
-        page.visible("#login-view")
+        page.sign_out()
     finally:
         page.quit()
 
