@@ -3,8 +3,9 @@
 # (16 KiB to 2 MiB), mixing listings, chunked downloads checked byte for byte and imports through
 # the record service's "record_documents" detail (docservice_soak.py). Afterwards: no failed
 # request, every imported document present and intact, no temporary file of the server left once
-# the sessions have ended, and the server's memory at the end within 10% of its memory after the
-# first minute.
+# the sessions have ended, and the server's memory at the end (the sessions ended, the server's
+# periodic heap tidy done) within 10% of its memory after the first minute; the figure under load
+# just before the end and the heap in use at all three points are printed beside it.
 # Usage: bench/docservice_soak.sh [--duration SECONDS] [--sessions N] [--no-imports]
 set -euo pipefail
 duration=300

@@ -67,10 +67,11 @@ void GiveLargeBuffer(std::string&& ABuffer) {
 
 void UseServerHeapSettings() {
 #ifdef __GLIBC__
-    // Blocks up to 32 MiB come from the heaps, and up to 32 MiB free at a heap's top stay there.
+    // Blocks up to 32 MiB come from the heap, up to 32 MiB free at its top stay there, and all
+    // threads share one heap (2 cores; fewer heaps, less memory held free in each).
     mallopt(M_MMAP_THRESHOLD, 32 << 20);
     mallopt(M_TRIM_THRESHOLD, 32 << 20);
-    mallopt(M_ARENA_MAX, 2);
+    mallopt(M_ARENA_MAX, 1);
 #endif
 }
 
