@@ -68,7 +68,7 @@ void GiveLargeBuffer(std::string&& ABuffer) {
 void UseServerHeapSettings() {
 #ifdef __GLIBC__
     // Blocks up to 32 MiB come from the heap, up to 32 MiB free at its top stay there, and all
-    // threads share one heap (2 cores; fewer heaps, less memory held free in each).
+    // threads share one heap: one heap per thread would each hold freed memory of its own.
     mallopt(M_MMAP_THRESHOLD, 32 << 20);
     mallopt(M_TRIM_THRESHOLD, 32 << 20);
     mallopt(M_ARENA_MAX, 1);
