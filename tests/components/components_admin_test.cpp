@@ -292,14 +292,8 @@ TEST_F(AdminTest, AccessChecksUseTheCrossedTableNames) {
 }
 
 TEST_F(AdminTest, RecordFlagsMetaIdsAreAskedOnceWhenAvailable) {
-    struct TTable : TInterfacedObject, IKRRecordFlagsTable {
+    struct TTable : TInterfacedImpl<IKRRecordFlagsTable> {
         explicit TTable(std::int64_t id) : Id(id) {}
-        HRESULT QueryInterface(const TGUID& iid, void** obj) override {
-            if (QueryOwn<IKRRecordFlagsTable>(iid, obj)) return S_OK;
-            return TInterfacedObject::QueryInterface(iid, obj);
-        }
-        std::int32_t _AddRef() override { return TInterfacedObject::_AddRef(); }
-        std::int32_t _Release() override { return TInterfacedObject::_Release(); }
         std::int64_t Get_MetaID() override { return Id; }
         std::int64_t Id;
     };

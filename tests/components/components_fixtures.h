@@ -89,15 +89,8 @@ class TTestStore : public TBaseDocFileLoader {
 };
 
 // Rights held in memory.
-class TTestUserAccess : public TInterfacedObject, public IUserAccess {
+class TTestUserAccess : public TInterfacedImpl<IUserAccess> {
   public:
-    HRESULT QueryInterface(const TGUID& iid, void** obj) override {
-        if (QueryOwn<IUserAccess>(iid, obj)) return S_OK;
-        return TInterfacedObject::QueryInterface(iid, obj);
-    }
-    std::int32_t _AddRef() override { return TInterfacedObject::_AddRef(); }
-    std::int32_t _Release() override { return TInterfacedObject::_Release(); }
-
     std::int32_t GetUserID() override { return UserID; }
     bool IsReadOnly() override { return ReadOnly; }
     std::int32_t GetGroupAccessMode(std::int64_t AGroupID) override {

@@ -30,14 +30,8 @@ class TSchedulingMain : public TPersistMain {
 };
 
 // Writes every notice it gets as a line.
-class TLogNotifier : public TInterfacedObject, public IRessourceContainerNotify {
+class TLogNotifier : public TInterfacedImpl<IRessourceContainerNotify> {
   public:
-    HRESULT QueryInterface(const TGUID& iid, void** obj) override {
-        if (QueryOwn<IRessourceContainerNotify>(iid, obj)) return S_OK;
-        return TInterfacedObject::QueryInterface(iid, obj);
-    }
-    std::int32_t _AddRef() override { return TInterfacedObject::_AddRef(); }
-    std::int32_t _Release() override { return TInterfacedObject::_Release(); }
     void Do_ContainerNotify(TRessourceContainerNotifyType AType, IRessourceContainer*) override {
         Log.push_back("notify " + std::to_string(AType));
     }
