@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "_Classes.h"
+#include "host/test_helpers.h"
 
 namespace docadmin {
 namespace {
