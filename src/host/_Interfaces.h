@@ -183,4 +183,18 @@ class TInterfacedObject : public TObject, public IInterface {
     std::atomic<std::int32_t> FRefCount{0};
 };
 
+// A TInterfacedObject that implements the interfaces Is: QueryInterface answers each of their
+// identifiers (then IInterface's) and one reference count serves them all.
+template <class... Is>
+class TInterfacedImpl : public TInterfacedObject, public Is... {
+  public:
+    HRESULT QueryInterface(const TGUID& iid, void** obj) override {
+        const bool found =
+            ((iid == Is::IID ? (*obj = static_cast<Is*>(this), _AddRef(), true) : false) || ...);
+        return found ? S_OK : TInterfacedObject::QueryInterface(iid, obj);
+    }
+    std::int32_t _AddRef() override { return TInterfacedObject::_AddRef(); }
+    std::int32_t _Release() override { return TInterfacedObject::_Release(); }
+};
+
 }  // namespace docadmin

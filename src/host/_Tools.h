@@ -218,23 +218,13 @@ class IIntegerListData : public IInterface {
 };
 
 // An integer list behind an interface; with AOwnsList the list is freed with the wrapper.
-class TIntegerListData : public TInterfacedObject, public IIntegerListData {
+class TIntegerListData : public TInterfacedImpl<IIntegerListData> {
   public:
     explicit TIntegerListData(TSortedIntegerList* AList, bool AOwnsList = true)
         : FList(AList), FOwnsList(AOwnsList) {}
     ~TIntegerListData() override {
         if (FOwnsList) delete FList;
     }
-    HRESULT QueryInterface(const TGUID& iid, void** obj) override {
-        if (iid == IIntegerListData::IID) {
-            *obj = static_cast<IIntegerListData*>(this);
-            _AddRef();
-            return S_OK;
-        }
-        return TInterfacedObject::QueryInterface(iid, obj);
-    }
-    std::int32_t _AddRef() override { return TInterfacedObject::_AddRef(); }
-    std::int32_t _Release() override { return TInterfacedObject::_Release(); }
     TSortedIntegerList* Get_List() override { return FList; }
 
   private:

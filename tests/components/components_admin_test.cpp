@@ -89,21 +89,15 @@ TEST_F(AdminTest, ChildCountNoticesWaitForTheUpdateAndSkipUnloadedLists) {
 TEST_F(AdminTest, SaveDocChecksItsInputFirst) {
     TTestDocAdmin admin;
     admin.SetAutoSave(false);
-    try {
-        admin.SaveDoc(nullptr, chAdded, Temp / "missing.txt", nullptr, "", 0);
-        FAIL();
-    } catch (const EFOpenError& e) {
-        EXPECT_EQ(e.Message(), "File '" + (Temp / "missing.txt") + "' not found!");
-    }
+    EXPECT_EQ(MessageOf<EFOpenError>(
+                  [&] { admin.SaveDoc(nullptr, chAdded, Temp / "missing.txt", nullptr, "", 0); }),
+              "File '" + (Temp / "missing.txt") + "' not found!");
     EXPECT_EQ(admin.UpdateCount(), 1);  // left raised, so no half change is saved later
     admin.EndUpdate();
     const std::string file = LocalFile("a.txt", "hello");
-    try {
-        admin.SaveDoc(nullptr, chChanged, file, nullptr, "", 0);
-        FAIL();
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.Message(), "No document to save!");
-    }
+    EXPECT_EQ(
+        MessageOf<Exception>([&] { admin.SaveDoc(nullptr, chChanged, file, nullptr, "", 0); }),
+        "No document to save!");
     admin.EndUpdate();
 
     TDocDirectory* dir = admin.AddDirectory(nullptr, "d");
@@ -156,12 +150,9 @@ TEST_F(AdminTest, DownloadByIdRaisesForUnknownIdsAndClearsTheName) {
     const std::string remote = store->UploadFile(LocalFile("a.txt", "content"), "", upmNew);
     admin.Rows[5] = {"a.txt", remote};
     std::string name = "stale";
-    try {
-        admin.DownloadFile(6, Temp / "out", name);
-        FAIL();
-    } catch (const EDocAdminFileNotFoundInRepository& e) {
-        EXPECT_EQ(e.Message(), "File with ID '6' not found in repository!");
-    }
+    EXPECT_EQ(MessageOf<EDocAdminFileNotFoundInRepository>(
+                  [&] { admin.DownloadFile(6, Temp / "out", name); }),
+              "File with ID '6' not found in repository!");
     EXPECT_EQ(name, "");
     std::vector<std::string> events;
     admin.OnDownloadDocument = [&](TObject*, const std::string& f) { events.push_back(f); };
@@ -181,13 +172,10 @@ TEST_F(AdminTest, UnsavedDocumentDownloadCopiesFromItsName) {
     admin.DownloadFile(doc, Temp / "copy", false, nullptr);
     EXPECT_EQ(ReadFile(Temp / "copy"), "v1");
     doc->SetDocName(Temp / "nowhere.txt");
-    try {
-        admin.DownloadFile(doc, Temp / "copy", false, nullptr);
-        FAIL();
-    } catch (const EDocAdminException& e) {
-        EXPECT_EQ(e.Message(), "Faild to copy file '" + (Temp / "nowhere.txt") + "' to file '" +
-                                   (Temp / "copy") + "'!");
-    }
+    EXPECT_EQ(
+        MessageOf<EDocAdminException>(
+            [&] { admin.DownloadFile(doc, Temp / "copy", false, nullptr); }),
+        "Faild to copy file '" + (Temp / "nowhere.txt") + "' to file '" + (Temp / "copy") + "'!");
 }
 
 TEST_F(AdminTest, DeleteDocumentByIdRemovesTheRowFirstAndReportsAFileThatStays) {
@@ -208,13 +196,9 @@ TEST_F(AdminTest, DeleteDocumentByIdRemovesTheRowFirstAndReportsAFileThatStays) 
         ++deleted;
         EXPECT_EQ(d->DocID(), id);
     };
-    try {
-        admin.DeleteDocument(id);
-        FAIL() << "no exception";
-    } catch (const EDocAdminException& e) {
-        EXPECT_NE(e.Message().find(remote), std::string::npos) << e.Message();
-        EXPECT_NE(e.Message().find("disk on fire"), std::string::npos) << e.Message();
-    }
+    const std::string msg = MessageOf<EDocAdminException>([&] { admin.DeleteDocument(id); });
+    EXPECT_NE(msg.find(remote), std::string::npos) << msg;
+    EXPECT_NE(msg.find("disk on fire"), std::string::npos) << msg;
     EXPECT_EQ(admin.Rows.count(id), 0u);
     EXPECT_EQ(deleted, 1);
     EXPECT_TRUE(store->Has(remote));
@@ -258,12 +242,8 @@ TEST_F(AdminTest, AccessChecksUseTheCrossedTableNames) {
 
     // Documents are deleted from the last; the refusal names the locked one and leaves the
     // marks made so far.
-    try {
-        admin.DeleteDirectory(dir);
-        FAIL();
-    } catch (const EDocAdminNoWriteAccessError& e) {
-        EXPECT_EQ(e.Message(), "No write access to 'locked.txt'!");
-    }
+    EXPECT_EQ(MessageOf<EDocAdminNoWriteAccessError>([&] { admin.DeleteDirectory(dir); }),
+              "No write access to 'locked.txt'!");
     EXPECT_EQ(last->ChangeState(), chDeleted);
     EXPECT_NE(locked->ChangeState(), chDeleted);
     EXPECT_NE(ok->ChangeState(), chDeleted);
@@ -292,14 +272,8 @@ TEST_F(AdminTest, AccessChecksUseTheCrossedTableNames) {
 }
 
 TEST_F(AdminTest, RecordFlagsMetaIdsAreAskedOnceWhenAvailable) {
-    struct TTable : TInterfacedObject, IKRRecordFlagsTable {
+    struct TTable : TInterfacedImpl<IKRRecordFlagsTable> {
         explicit TTable(std::int64_t id) : Id(id) {}
-        HRESULT QueryInterface(const TGUID& iid, void** obj) override {
-            if (QueryOwn<IKRRecordFlagsTable>(iid, obj)) return S_OK;
-            return TInterfacedObject::QueryInterface(iid, obj);
-        }
-        std::int32_t _AddRef() override { return TInterfacedObject::_AddRef(); }
-        std::int32_t _Release() override { return TInterfacedObject::_Release(); }
         std::int64_t Get_MetaID() override { return Id; }
         std::int64_t Id;
     };

@@ -13,20 +13,11 @@
 #include <vector>
 
 #include "_TBaseDocAdmin.h"
+#include "host/test_helpers.h"
 
 namespace docadmin::test {
 
 namespace fs = std::filesystem;
-
-inline void WriteFile(const std::string& path, const std::string& content) {
-    fs::create_directories(fs::path(path).parent_path());
-    std::ofstream(path, std::ios::binary) << content;
-}
-
-inline std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 // Every entry below root, relative, folders with a trailing '/', sorted.
 inline std::vector<std::string> Listing(const std::string& root) {
@@ -36,23 +27,6 @@ inline std::vector<std::string> Listing(const std::string& root) {
     std::sort(r.begin(), r.end());
     return r;
 }
-
-// A folder of its own below the temporary folder, removed afterwards.
-class TTempDir {
-  public:
-    TTempDir() : FPath(GetTempPath() + "components_" + CreateGUIDString().substr(1, 8)) {
-        fs::create_directories(FPath);
-    }
-    ~TTempDir() {
-        std::error_code ec;
-        fs::remove_all(FPath, ec);
-    }
-    const std::string& Path() const { return FPath; }
-    std::string operator/(const std::string& name) const { return FPath + "/" + name; }
-
-  private:
-    std::string FPath;
-};
 
 // Keeps files flat in a folder under generated names.
 class TTestStore : public TBaseDocFileLoader {
@@ -89,15 +63,8 @@ class TTestStore : public TBaseDocFileLoader {
 };
 
 // Rights held in memory.
-class TTestUserAccess : public TInterfacedObject, public IUserAccess {
+class TTestUserAccess : public TInterfacedImpl<IUserAccess> {
   public:
-    HRESULT QueryInterface(const TGUID& iid, void** obj) override {
-        if (QueryOwn<IUserAccess>(iid, obj)) return S_OK;
-        return TInterfacedObject::QueryInterface(iid, obj);
-    }
-    std::int32_t _AddRef() override { return TInterfacedObject::_AddRef(); }
-    std::int32_t _Release() override { return TInterfacedObject::_Release(); }
-
     std::int32_t GetUserID() override { return UserID; }
     bool IsReadOnly() override { return ReadOnly; }
     std::int32_t GetGroupAccessMode(std::int64_t AGroupID) override {

@@ -319,13 +319,7 @@ TEST_F(ItemsTest, LoadsLazilyButNeverNewDirectoriesNorWhileSaving) {
 }
 
 TEST_F(ItemsTest, NonBlockingDownloadReportsOnceAndAVanishingDocumentTellsItsCaller) {
-    struct TCallBack : TInterfacedObject, IRessourceActionCallBack {
-        HRESULT QueryInterface(const TGUID& iid, void** obj) override {
-            if (QueryOwn<IRessourceActionCallBack>(iid, obj)) return S_OK;
-            return TInterfacedObject::QueryInterface(iid, obj);
-        }
-        std::int32_t _AddRef() override { return TInterfacedObject::_AddRef(); }
-        std::int32_t _Release() override { return TInterfacedObject::_Release(); }
+    struct TCallBack : TInterfacedImpl<IRessourceActionCallBack> {
         void Do_ActionDone(IRessource* r, TRessourceAction a, const std::string& f) override {
             Log += "done:" + std::to_string(a) + ":" + r->Get_Caption() + ":" + ExtractFileName(f);
         }

@@ -9,6 +9,7 @@
 #include "_KRBackgroundJobs.h"
 #include "_MainThreadQueue.h"
 #include "_TDocAdminObject.h"
+#include "host/runtime/test_wait.h"
 #include "persist_fixtures.h"
 
 namespace docadmin::test {
@@ -30,14 +31,8 @@ class TSchedulingMain : public TPersistMain {
 };
 
 // Writes every notice it gets as a line.
-class TLogNotifier : public TInterfacedObject, public IRessourceContainerNotify {
+class TLogNotifier : public TInterfacedImpl<IRessourceContainerNotify> {
   public:
-    HRESULT QueryInterface(const TGUID& iid, void** obj) override {
-        if (QueryOwn<IRessourceContainerNotify>(iid, obj)) return S_OK;
-        return TInterfacedObject::QueryInterface(iid, obj);
-    }
-    std::int32_t _AddRef() override { return TInterfacedObject::_AddRef(); }
-    std::int32_t _Release() override { return TInterfacedObject::_Release(); }
     void Do_ContainerNotify(TRessourceContainerNotifyType AType, IRessourceContainer*) override {
         Log.push_back("notify " + std::to_string(AType));
     }
@@ -65,15 +60,6 @@ class TBlockerJob : public TKRCustomBackgroundJob {
     std::atomic<bool>& FGo;
     std::atomic<bool>& FRunning;
 };
-
-bool PumpUntil(const std::function<bool()>& ACondition) {
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
-    while (!ACondition()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        CheckSynchronize(5);
-    }
-    return true;
-}
 
 class DocAdminObjectTest : public PersistTest {
   public:
@@ -276,12 +262,8 @@ TEST_P(DocAdminObjectTest, WhatIsNoItemOfThisTreeRaisesAndChangesNothing) {
         for (size_t i = 0; i < onDocument.size(); ++i)
             EXPECT_THROW(onDocument[i](d), EDocAdminException) << "#" << i;
     EXPECT_THROW(root->Do_DeleteDirectory(nullptr), EDocAdminException);
-    try {
-        root->Do_AddDirectory(gone.get(), "child");
-        ADD_FAILURE() << "no exception";
-    } catch (const EDocAdminException& e) {
-        EXPECT_EQ(e.Message(), "Directory 'Gone' is not part of this document tree");
-    }
+    EXPECT_EQ(MessageOf<EDocAdminException>([&] { root->Do_AddDirectory(gone.get(), "child"); }),
+              "Directory 'Gone' is not part of this document tree");
 
     // An id beyond 32 bits is not cut down to the id of another document.
     const std::int64_t wide = (std::int64_t{1} << 32) + mine->Get_DocID();

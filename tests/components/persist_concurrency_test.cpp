@@ -119,13 +119,9 @@ TEST_P(ConcurrencyTest, DeleteByIdRemovesTheRowFirstAndKeepsFilesThatRowsStillNa
     const std::string remote =
         Row("docadmindocs", other)->ValueByName(0, "fllocname").GetAsString();
     Store(*admin).FailRemoves = true;
-    try {
-        admin->DeleteDocument(other);
-        FAIL() << "no exception";
-    } catch (const EDocAdminException& e) {
-        EXPECT_NE(e.Message().find(remote), std::string::npos) << e.Message();
-        EXPECT_NE(e.Message().find("c.txt"), std::string::npos) << e.Message();
-    }
+    const std::string msg = MessageOf<EDocAdminException>([&] { admin->DeleteDocument(other); });
+    EXPECT_NE(msg.find(remote), std::string::npos) << msg;
+    EXPECT_NE(msg.find("c.txt"), std::string::npos) << msg;
     EXPECT_EQ(RowCount("docadmindocs", "id", TVariant(static_cast<long long>(other))), 0);
     EXPECT_TRUE(Store(*admin).Has(remote));
 }

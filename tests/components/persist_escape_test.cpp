@@ -68,13 +68,9 @@ TEST_P(EscapeTest, AReaderFindsButNeverMakesFolders) {
     EXPECT_EQ(reader->Directories()->Titel(), "typo");
     auto recordReader = NewAdmin(kPlugin, record);
     recordReader->SetReadOnly(true);
-    try {
-        recordReader->Directories()->ChildDirectoryCount();
-        ADD_FAILURE() << "a missing record folder was found";
-    } catch (const EDocAdminFolderNotFound& e) {
-        EXPECT_EQ(e.Message(), "Folder '{A1B2C3D4-0000-4000-8000-0000000000AA}' not found (path " +
-                                   record + ")");
-    }
+    EXPECT_EQ(MessageOf<EDocAdminFolderNotFound>(
+                  [&] { recordReader->Directories()->ChildDirectoryCount(); }),
+              "Folder '{A1B2C3D4-0000-4000-8000-0000000000AA}' not found (path " + record + ")");
     EXPECT_EQ(RowCount("docadmindir"), rows);
 }
 

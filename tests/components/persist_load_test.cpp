@@ -191,14 +191,9 @@ TEST_P(LoadTest, WhereTextWithAValueOnTheLeftFailsAtTheFirstLoad) {
     auto admin = NewAdmin();
     admin->ApplyParams("'x' = docname");
     TDocDirectory* a = admin->Directories()->GetChildDirectorys(0);
-    try {
-        a->DocumentCount();
-        FAIL() << "no exception";
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.Message(),
-                  "Error in DOC:\\\\ WHERE-Filter: Left value \"x\" must be a fieldname and right "
-                  "value \"docname\" must be a value!");
-    }
+    EXPECT_EQ(MessageOf<Exception>([&] { a->DocumentCount(); }),
+              "Error in DOC:\\\\ WHERE-Filter: Left value \"x\" must be a fieldname and right "
+              "value \"docname\" must be a value!");
     EXPECT_FALSE(a->LoadingState().Contains(lsDocumentsLoaded));
 }
 

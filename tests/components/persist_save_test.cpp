@@ -267,13 +267,8 @@ TEST_P(SaveTest, UnknownSectionsFailBeforeAnythingIsWritten) {
     admin->SetDirSection("nosuchdirs");
     admin->SetAutoSave(false);
     admin->AddDirectory(nullptr, "A");
-    try {
-        admin->DoSaveChanges();
-        FAIL() << "no exception";
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.Message(),
-                  "Not all dbsections found! Required sections: docadmindocs, nosuchdirs");
-    }
+    EXPECT_EQ(MessageOf<Exception>([&] { admin->DoSaveChanges(); }),
+              "Not all dbsections found! Required sections: docadmindocs, nosuchdirs");
     EXPECT_EQ(RowCount("docadmindir"), 0);
 }
 

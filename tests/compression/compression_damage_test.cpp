@@ -23,18 +23,18 @@ bool StartsWith(const std::string& s, const std::string& prefix) {
 void ExpectUnreadable(TECLStream& s, const std::string& damage) {
     EXPECT_NE(s.Damage().find(damage), std::string::npos) << s.Damage();
     TMemoryStream out;
-    const std::string msg = FailureOf([&] { s.SaveToStream(out); });
+    const std::string msg = MessageOf([&] { s.SaveToStream(out); });
     EXPECT_EQ(msg, kDecompression + " " + s.Damage());
     EXPECT_EQ(out.Size(), 0);
     Bytes buf(16);
-    EXPECT_TRUE(StartsWith(FailureOf([&] { s.Read(buf.data(), 16); }), kDecompression));
-    EXPECT_TRUE(StartsWith(FailureOf([&] { s.Write(buf.data(), 16); }), kDecompression));
+    EXPECT_TRUE(StartsWith(MessageOf([&] { s.Read(buf.data(), 16); }), kDecompression));
+    EXPECT_TRUE(StartsWith(MessageOf([&] { s.Write(buf.data(), 16); }), kDecompression));
 }
 
 // A file cut anywhere, also exactly at a block boundary, reads as damaged and keeps its bytes;
 // only Repair cuts it behind the intact blocks, which then read back.
 TEST(ECLDamageTest, CutFileFailsToReadAndIsRepairedOnlyOnRequest) {
-    TempDir dir;
+    TTempDir dir;
     const Bytes data = MixedData(3 * kFast, 17);
     const Bytes full = Pack(data);
     std::vector<RawBlock> blocks;
@@ -95,7 +95,7 @@ TEST(ECLDamageTest, FlippedBitFailsOnItsBlockOnly) {
         TECLStream s(m.get(), false, "", zlibMax, 0);
         EXPECT_NO_THROW(s.LoadBlock(0));
         EXPECT_NO_THROW(s.LoadBlock(2));
-        const std::string msg = FailureOf([&] { s.LoadBlock(1); });
+        const std::string msg = MessageOf([&] { s.LoadBlock(1); });
         const std::string block = " Block 2 of 3 is damaged.";
         EXPECT_TRUE(msg == kDecompression + block || msg == kCrc + block ||
                     msg == kInvalidSize + block)
@@ -155,7 +155,7 @@ TEST(ECLDamageTest, LyingHeaderFieldsAreDamage) {
         auto m = InMemory(bad);
         if (c.found == onOpen) {
             const std::string msg =
-                FailureOf([&] { TECLStream s(m.get(), false, "", zlibMax, 0); });
+                MessageOf([&] { TECLStream s(m.get(), false, "", zlibMax, 0); });
             EXPECT_TRUE(StartsWith(msg, c.text + " The stream header is damaged")) << msg;
             continue;
         }
@@ -164,7 +164,7 @@ TEST(ECLDamageTest, LyingHeaderFieldsAreDamage) {
             ExpectUnreadable(s, c.text);
             EXPECT_EQ(m->Data(), bad);
         } else {
-            EXPECT_EQ(FailureOf([&] { s.LoadBlock(c.block); }),
+            EXPECT_EQ(MessageOf([&] { s.LoadBlock(c.block); }),
                       c.text + " Block " + std::to_string(c.block + 1) + " of 3 is damaged.");
         }
     }

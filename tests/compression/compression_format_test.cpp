@@ -23,7 +23,7 @@ TEST(ECLFormatTest, BlockCrcIsReflectedFromZeroWithoutComplement) {
 }
 
 TEST(ECLFormatTest, EmptyStreamIsJustTheHeader) {
-    TempDir dir;
+    TTempDir dir;
     { TECLFileStream s(dir / "e.ecl", fmCreate, "", zlibMax, 0); }
     const Bytes f = ReadAll(dir / "e.ecl");
     ASSERT_EQ(f.size(), 128u);
@@ -45,7 +45,7 @@ TEST(ECLFormatTest, EmptyStreamIsJustTheHeader) {
 }
 
 TEST(ECLFormatTest, ThreeMillionBytesMakeTwoBlocksAndComeBack) {
-    TempDir dir;
+    TTempDir dir;
     const Bytes data = MixedData(3000000);
     WriteAll(dir / "in", data);
     {
@@ -89,7 +89,7 @@ TEST(ECLFormatTest, BlockBoundaryDecidesTheBlockCount) {
 }
 
 TEST(ECLFormatTest, ShortOrUnsignedFilesArePlain) {
-    TempDir dir;
+    TTempDir dir;
     Bytes shortFile = {'A', 'A', 'C', 'S'};
     shortFile.resize(100, 'x');
     Bytes longFile = MixedData(10000, 9);
@@ -138,7 +138,7 @@ TEST(ECLFormatTest, LevelsWithoutCompressorFail) {
         TECLStream s(&mem, true, "", level, 0);
         EXPECT_EQ(s.CompressionLevel(), level);
         EXPECT_EQ(U32At(mem.Data(), 4), static_cast<std::uint32_t>(ECLBlockSizeOf(level)));
-        EXPECT_EQ(FailureOf([&] { s.WriteBuffer("abc", 3); }),
+        EXPECT_EQ(MessageOf([&] { s.WriteBuffer("abc", 3); }),
                   "TECLStream.PrepareBufferForWriting - compression error in PrepareBuffer.");
     }
     // A zlib block in a file that names an unavailable level cannot be read.
@@ -148,7 +148,7 @@ TEST(ECLFormatTest, LevelsWithoutCompressorFail) {
     TECLStream s(damaged.get(), false, "", zlibMax, 0);
     EXPECT_EQ(s.Size(), 5);
     char buf[5];
-    EXPECT_EQ(FailureOf([&] { s.Read(buf, 5); }),
+    EXPECT_EQ(MessageOf([&] { s.Read(buf, 5); }),
               "TECLStream.LoadBlock - decompression error. Block 1 of 1 is damaged.");
 }
 
@@ -207,9 +207,9 @@ TEST(ECLFormatTest, CustomHeaderShiftsTheFirstBlock) {
 }
 
 TEST(ECLFormatTest, MissingStreamIsRefused) {
-    EXPECT_EQ(FailureOf([] { TECLStream s(nullptr, true, "", zlibMax, 0); }),
+    EXPECT_EQ(MessageOf([] { TECLStream s(nullptr, true, "", zlibMax, 0); }),
               "TECLStream.Create - data stream = nil.");
-    EXPECT_EQ(FailureOf([] { TECLBaseStream s(nullptr); }),
+    EXPECT_EQ(MessageOf([] { TECLBaseStream s(nullptr); }),
               "TECLBaseStream.Create - Stream = nil.");
 }
 

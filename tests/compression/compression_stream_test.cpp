@@ -47,7 +47,7 @@ TEST(ECLStreamTest, CreatingOverOldContentGivesTheSameBytesAsOnAnEmptyStream) {
 TEST(ECLStreamTest, PlainFileSavedToAFileGivesItsBytesWithTheProgressOfTheStreamCopy) {
     // A plain file is copied in the kernel; bytes and reports must match the copy through a
     // buffer, chunk for chunk, also for an empty file and one that ends inside a chunk.
-    TempDir dir;
+    TTempDir dir;
     for (const std::size_t n : {std::size_t{0}, std::size_t{100}, std::size_t{5 << 19}}) {
         const Bytes data = RandomData(n, static_cast<std::uint32_t>(n + 1));
         const auto src = dir / ("plain" + std::to_string(n));
@@ -210,7 +210,7 @@ TEST(ECLStreamTest, ShrinkKeepsAReadableFile) {
 }
 
 TEST(ECLStreamTest, ProgressOfASaveIsZeroRisingThenHundredTwice) {
-    TempDir dir;
+    TTempDir dir;
     WriteAll(dir / "in", MixedData(3 * kFast + 5, 1));
     {
         TECLFileStream w(dir / "c", fmCreate, "", zlibFastest, 0);
@@ -244,16 +244,16 @@ TEST(ECLStreamTest, ProgressOfASaveIsZeroRisingThenHundredTwice) {
 }
 
 TEST(ECLStreamTest, ReadOnlyShellRefusesChanges) {
-    TempDir dir;
+    TTempDir dir;
     { TECLFileStream w(dir / "c", fmCreate, "", zlibMax, 0); }
     WriteAll(dir / "src", {1, 2, 3});
     TECLFileStream r(dir / "c", fmShareDenyWrite, "", zlibMax, 0);
     EXPECT_TRUE(r.ReadOnly());
-    EXPECT_EQ(FailureOf([&] { r.Write("x", 1); }),
+    EXPECT_EQ(MessageOf([&] { r.Write("x", 1); }),
               "TECLAdvCompressedStream.Write - file is in read only mode.");
-    EXPECT_EQ(FailureOf([&] { r.SetSize(5); }),
+    EXPECT_EQ(MessageOf([&] { r.SetSize(5); }),
               "TECLAdvCompressedStream.SetSize - file is in read only mode.");
-    EXPECT_EQ(FailureOf([&] { r.LoadFromFile(dir / "src"); }),
+    EXPECT_EQ(MessageOf([&] { r.LoadFromFile(dir / "src"); }),
               "TECLAdvCompressedStream.LoadFromStream - file is in read only mode.");
     EXPECT_EQ(ReadAll(dir / "c").size(), 128u);
     // A read-write open may write.
@@ -264,7 +264,7 @@ TEST(ECLStreamTest, ReadOnlyShellRefusesChanges) {
 }
 
 TEST(ECLStreamTest, LevelChangeRewritesThroughBackup) {
-    TempDir dir;
+    TTempDir dir;
     const Bytes data = MixedData(2 * kFast + 17, 31);
     WriteAll(dir / "in", data);
     TECLFileStream s(dir / "c", fmCreate, "", zlibMax, 0);

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "_TECLFileStream.h"
+#include "host/test_helpers.h"
 
 namespace docadmin::testing {
 
@@ -35,17 +36,6 @@ inline Bytes Pack(const Bytes& data, TECLCompressionLevel level = zlibFastest) {
     TECLStream s(&mem, true, "", level, 0);
     s.LoadFromStream(*InMemory(data));
     return mem.Data();
-}
-
-// The message of what op raises, or "" when it raises nothing.
-template <class F>
-std::string FailureOf(F&& op) {
-    try {
-        op();
-    } catch (const Exception& e) {
-        return e.Message();
-    }
-    return "";
 }
 
 // Text-like, compressible bytes followed by random ones, reproducible from the seed.
@@ -82,23 +72,8 @@ inline void WriteAll(const std::filesystem::path& p, const Bytes& b) {
     f.write(reinterpret_cast<const char*>(b.data()), static_cast<std::streamsize>(b.size()));
 }
 
-// A fresh directory per test, removed afterwards.
-class TempDir {
-  public:
-    TempDir() {
-        const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-        path_ = std::filesystem::temp_directory_path() /
-                (std::string("compression_") + info->test_suite_name() + "_" + info->name() + "_" +
-                 std::to_string(::getpid()));
-        std::filesystem::remove_all(path_);
-        std::filesystem::create_directories(path_);
-    }
-    ~TempDir() { std::filesystem::remove_all(path_); }
-    std::string operator/(const std::string& name) const { return (path_ / name).string(); }
-
-  private:
-    std::filesystem::path path_;
-};
+using docadmin::test::MessageOf;
+using docadmin::test::TTempDir;
 
 inline std::uint32_t U32At(const Bytes& b, std::size_t off) {
     return static_cast<std::uint32_t>(b[off]) | static_cast<std::uint32_t>(b[off + 1]) << 8 |

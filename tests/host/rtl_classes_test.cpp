@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "_Classes.h"
+#include "host/test_helpers.h"
 
 namespace docadmin {
 namespace {
@@ -18,22 +19,48 @@ TEST(TGUIDTest, ParsesFormatsAndRejects) {
     EXPECT_EQ(StringToGUID(a), StringToGUID(a));
 }
 
-struct Counted : TInterfacedObject {
+class IFirst : public IInterface {
+  public:
+    DOCADMIN_IID("{6E1D2C3B-0A4F-4E5D-9C8B-7A6F5E4D3C2B}");
+    virtual int First() = 0;
+};
+class ISecond : public IInterface {
+  public:
+    DOCADMIN_IID("{6E1D2C3B-0A4F-4E5D-9C8B-7A6F5E4D3C2C}");
+    virtual int Second() = 0;
+};
+
+struct Counted : TInterfacedImpl<IFirst, ISecond> {
     static inline int alive = 0;
     Counted() { ++alive; }
     ~Counted() override { --alive; }
+    int First() override { return 1; }
+    int Second() override { return 2; }
 };
 
-TEST(TInterfacedObjectTest, LastReleaseFrees) {
+// One count serves every interface; each answers the others and IInterface, nothing else.
+TEST(TInterfacedObjectTest, InterfacesShareOneCountAndTheLastReleaseFrees) {
     {
-        IPtr<IInterface> a(static_cast<IInterface*>(new Counted));
+        IPtr<IFirst> a(new Counted);
         EXPECT_EQ(Counted::alive, 1);
-        IPtr<IInterface> b = a;
+        IPtr<IFirst> b = a;
         a = a;  // self-assignment keeps the object
         a.reset();
         EXPECT_EQ(Counted::alive, 1);
-        IPtr<IInterface> c;
-        EXPECT_TRUE(Supports(b.get(), c));
+        IPtr<ISecond> second;
+        ASSERT_TRUE(Supports(b.get(), second));
+        EXPECT_EQ(second->Second(), 2);
+        IPtr<IFirst> first;
+        ASSERT_TRUE(Supports(second.get(), first));
+        EXPECT_EQ(first.get(), b.get());
+        EXPECT_EQ(first->First(), 1);
+        EXPECT_TRUE(Supports<IInterface>(second.get()));
+        EXPECT_EQ(static_cast<Counted*>(b.get())->RefCount(), 3);
+        void* p = &p;
+        EXPECT_EQ(b->QueryInterface(TGUID::Parse("{6E1D2C3B-0A4F-4E5D-9C8B-7A6F5E4D3C2D}"), &p),
+                  E_NOINTERFACE);
+        EXPECT_EQ(p, nullptr);
+        EXPECT_EQ(static_cast<Counted*>(b.get())->RefCount(), 3);
     }
     EXPECT_EQ(Counted::alive, 0);
 }
@@ -68,12 +95,9 @@ TEST(TStreamTest, MemoryAndFileStreamsMoveBytes) {
     TMemoryStream back;
     back.LoadFromFile(path);
     EXPECT_EQ(back.DataString(), "hello");
-    try {
-        TFileStream missing(path + ".none", fmOpenRead);
-        FAIL() << "opened a missing file";
-    } catch (const EFOpenError& e) {
-        EXPECT_EQ(e.Message().rfind("Cannot open file \"" + path + ".none\". ", 0), 0u);
-    }
+    const std::string msg =
+        test::MessageOf<EFOpenError>([&] { TFileStream missing(path + ".none", fmOpenRead); });
+    EXPECT_EQ(msg.rfind("Cannot open file \"" + path + ".none\". ", 0), 0u);
 }
 
 TEST(TComponentTest, OwnerFreesOwnedAndChildLeavesOwner) {

@@ -148,42 +148,20 @@ TEST(ToolsTest, FilesDatesListsAndTemporaryFiles) {
 
 TEST(ToolsTest, JsonTextCheckAgreesWithAFullParser) {
     // Each case is also given to nlohmann's parser, which must agree.
-    const std::vector<std::pair<std::string, bool>> cases = {
-        {"{}", true},
-        {" [ ] ", true},
-        {R"({"a":[1,-0.5e+3,true,false,null,"x\u00e9\ud83d\ude00"],"b":{}})", true},
-        {"\"caf\xC3\xA9\"", true},
-        {"0", true},
-        {"", false},
-        {" ", false},
-        {"{", false},
-        {"[1,]", false},
-        {R"({"a" 1})", false},
-        {R"({"a":1,})", false},
-        {"[1 2]", false},
-        {"{} {}", false},
-        {"01", false},
-        {"1.", false},
-        {"-", false},
-        {"1e", false},
-        {"tru", false},
-        {"[nul]", false},
-        {R"("\x")", false},
-        {R"("\u12")", false},
-        {R"("\udc00")", false},
-        {R"("\ud800x")", false},
-        {R"("\ud800\u0041")", false},
-        {"\"a\tb\"", false},
-        {"\"\xC3\"", false},
-        {"\"\xED\xA0\x80\"", false},
-        {"[}", false},
-        {"{]", false},
-        {"\"open", false},
-    };
-    for (const auto& [text, valid] : cases) {
-        EXPECT_EQ(IsValidJsonText(text), valid) << text;
-        EXPECT_EQ(nlohmann::json::accept(text), valid) << "reference parser: " << text;
-    }
+    const std::vector<std::string> valid = {
+        "{}", " [ ] ", R"({"a":[1,-0.5e+3,true,false,null,"x\u00e9\ud83d\ude00"],"b":{}})",
+        "\"caf\xC3\xA9\"", "0"};
+    // clang-format off
+    const std::vector<std::string> invalid = {
+        "", " ", "{", "[1,]", R"({"a" 1})", R"({"a":1,})", "[1 2]", "{} {}", "01", "1.", "-",
+        "1e", "tru", "[nul]", R"("\x")", R"("\u12")", R"("\udc00")", R"("\ud800x")",
+        R"("\ud800\u0041")", "\"a\tb\"", "\"\xC3\"", "\"\xED\xA0\x80\"", "[}", "{]", "\"open"};
+    // clang-format on
+    for (const auto* list : {&valid, &invalid})
+        for (const std::string& text : *list) {
+            EXPECT_EQ(IsValidJsonText(text), list == &valid) << text;
+            EXPECT_EQ(nlohmann::json::accept(text), list == &valid) << "reference parser: " << text;
+        }
     // Deep nesting is a loop, not recursion.
     const std::string deep = std::string(100000, '[') + std::string(100000, ']');
     EXPECT_TRUE(IsValidJsonText(deep));

@@ -22,19 +22,9 @@ constexpr long long kUpgradeLockKey = 0x446F6341646D696E;  // "DocAdmin"
 
 class TDBDatabase;
 
-class TDBSQLStatement : public TInterfacedObject, public IDBSQLStatement {
+class TDBSQLStatement : public TInterfacedImpl<IDBSQLStatement> {
   public:
     explicit TDBSQLStatement(IDBInterface* ADB) : FSQL(nullptr, ADB) {}
-    HRESULT QueryInterface(const TGUID& iid, void** obj) override {
-        if (iid == IDBSQLStatement::IID) {
-            *obj = static_cast<IDBSQLStatement*>(this);
-            _AddRef();
-            return S_OK;
-        }
-        return TInterfacedObject::QueryInterface(iid, obj);
-    }
-    std::int32_t _AddRef() override { return TInterfacedObject::_AddRef(); }
-    std::int32_t _Release() override { return TInterfacedObject::_Release(); }
 
     void SetSchemaItem(IDBFieldSchemaItem* AItem) override {
         if (!AItem) throw EDBUnknownSchema("No schema item for the statement");
@@ -79,7 +69,7 @@ class TDBSQLStatement : public TInterfacedObject, public IDBSQLStatement {
     TClientSQL FSQL;
 };
 
-class TDBDatabase : public TInterfacedObject, public IDBInterface {
+class TDBDatabase : public TInterfacedImpl<IDBInterface> {
   public:
     TDBDatabase(const TDatabaseParams& AParams, std::shared_ptr<TDBFieldSchema> ASchema)
         : FParams(AParams),
@@ -97,17 +87,6 @@ class TDBDatabase : public TInterfacedObject, public IDBInterface {
             }
         }
     }
-
-    HRESULT QueryInterface(const TGUID& iid, void** obj) override {
-        if (iid == IDBInterface::IID) {
-            *obj = static_cast<IDBInterface*>(this);
-            _AddRef();
-            return S_OK;
-        }
-        return TInterfacedObject::QueryInterface(iid, obj);
-    }
-    std::int32_t _AddRef() override { return TInterfacedObject::_AddRef(); }
-    std::int32_t _Release() override { return TInterfacedObject::_Release(); }
 
     const IDBFieldSchema* GetFieldSchema() override { return FSchema.get(); }
     TDBBackendKind GetBackendKind() override { return FKind; }

@@ -61,19 +61,9 @@ void AddHostColumns(std::vector<TDBFieldDef>& fields) {
     }
 }
 
-class TDBSchemaFieldItem : public TInterfacedObject, public IDBSchemaFieldItem {
+class TDBSchemaFieldItem : public TInterfacedImpl<IDBSchemaFieldItem> {
   public:
     explicit TDBSchemaFieldItem(const TDBFieldDef& ADef) : FDef(ADef) {}
-    HRESULT QueryInterface(const TGUID& iid, void** obj) override {
-        if (iid == IDBSchemaFieldItem::IID) {
-            *obj = static_cast<IDBSchemaFieldItem*>(this);
-            _AddRef();
-            return S_OK;
-        }
-        return TInterfacedObject::QueryInterface(iid, obj);
-    }
-    std::int32_t _AddRef() override { return TInterfacedObject::_AddRef(); }
-    std::int32_t _Release() override { return TInterfacedObject::_Release(); }
     std::string GetFieldName() override { return FDef.Name; }
     TDBFieldKind GetFieldKind() override { return FDef.Kind; }
     bool GetIsLookup() override { return FDef.HasLookup; }
@@ -83,19 +73,9 @@ class TDBSchemaFieldItem : public TInterfacedObject, public IDBSchemaFieldItem {
     const TDBFieldDef& FDef;
 };
 
-class TDBFieldSchemaItem : public TInterfacedObject, public IDBFieldSchemaItem {
+class TDBFieldSchemaItem : public TInterfacedImpl<IDBFieldSchemaItem> {
   public:
     explicit TDBFieldSchemaItem(const TDBTableDef& ADef) : FDef(ADef) {}
-    HRESULT QueryInterface(const TGUID& iid, void** obj) override {
-        if (iid == IDBFieldSchemaItem::IID) {
-            *obj = static_cast<IDBFieldSchemaItem*>(this);
-            _AddRef();
-            return S_OK;
-        }
-        return TInterfacedObject::QueryInterface(iid, obj);
-    }
-    std::int32_t _AddRef() override { return TInterfacedObject::_AddRef(); }
-    std::int32_t _Release() override { return TInterfacedObject::_Release(); }
     std::string GetSchemaName() override { return FDef.SchemaName; }
     std::string GetSQLTableName() override { return FDef.SQLTableName; }
     IDBSchemaFilters* GetFilters() override { return &FFilters; }

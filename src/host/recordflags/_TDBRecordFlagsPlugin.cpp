@@ -11,17 +11,10 @@ constexpr const char* kDefs = "recordflagdefs";
 constexpr const char* kFlags = "recordflags";
 
 // The view of one table: its meta id and the filter operations.
-class TDBRecordFlagsTable : public TInterfacedObject, public IKRRecordFlagsTable {
+class TDBRecordFlagsTable : public TInterfacedImpl<IKRRecordFlagsTable> {
   public:
     TDBRecordFlagsTable(TDBRecordFlagsPlugin* AService, std::int64_t AMetaID)
         : FService(AService), FMetaID(AMetaID) {}
-
-    HRESULT QueryInterface(const TGUID& iid, void** obj) override {
-        if (QueryOwn<IKRRecordFlagsTable>(iid, obj)) return S_OK;
-        return TInterfacedObject::QueryInterface(iid, obj);
-    }
-    std::int32_t _AddRef() override { return TInterfacedObject::_AddRef(); }
-    std::int32_t _Release() override { return TInterfacedObject::_Release(); }
 
     std::int64_t Get_MetaID() override { return FMetaID; }
 

@@ -18,15 +18,8 @@ namespace docadmin {
 
 using TVTLEventPoolListener = std::function<void(std::int64_t AID)>;
 
-class TVTLEventPool : public TInterfacedObject, public IVTLEventPool {
+class TVTLEventPool : public TInterfacedImpl<IVTLEventPool> {
   public:
-    HRESULT QueryInterface(const TGUID& iid, void** obj) override {
-        if (QueryOwn<IVTLEventPool>(iid, obj)) return S_OK;
-        return TInterfacedObject::QueryInterface(iid, obj);
-    }
-    std::int32_t _AddRef() override { return TInterfacedObject::_AddRef(); }
-    std::int32_t _Release() override { return TInterfacedObject::_Release(); }
-
     // Answers a handle for RemoveListener.
     std::int32_t AddListener(TVTLEventPoolListener AListener);
     void RemoveListener(std::int32_t AHandle);

@@ -101,15 +101,6 @@ TRestSession::TRestSession(std::string AToken, std::int64_t AUserID, std::string
 
 TRestSession::~TRestSession() = default;
 
-HRESULT TRestSession::QueryInterface(const TGUID& iid, void** obj) {
-    if (iid == ISession::IID) {
-        *obj = static_cast<ISession*>(this);
-        _AddRef();
-        return S_OK;
-    }
-    return TInterfacedObject::QueryInterface(iid, obj);
-}
-
 void TRestSession::Enqueue(std::function<void()> ATask, const TSubmit& ASubmit) {
     {
         std::lock_guard lock(FLock);

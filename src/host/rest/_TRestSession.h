@@ -107,17 +107,13 @@ class TSessionCacheTempFileHelper : public TObject {
 // One logged-in client. The run queue makes sure that at most one task of the session runs at a
 // time: Enqueue hands the task to ASubmit when the session is free and keeps it otherwise; the
 // end of a task submits the next one.
-class TRestSession : public TInterfacedObject, public ISession {
+class TRestSession : public TInterfacedImpl<ISession> {
   public:
     using TSubmit = std::function<void(std::function<void()>)>;
 
     TRestSession(std::string AToken, std::int64_t AUserID, std::string AUserName,
                  TConnectorSessionType AType);
     ~TRestSession() override;
-
-    HRESULT QueryInterface(const TGUID& iid, void** obj) override;
-    std::int32_t _AddRef() override { return TInterfacedObject::_AddRef(); }
-    std::int32_t _Release() override { return TInterfacedObject::_Release(); }
 
     TSessionCache& GetSessionCache() override { return FCache; }
     std::int64_t GetUserID() override { return FUserID; }

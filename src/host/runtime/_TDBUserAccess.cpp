@@ -6,11 +6,6 @@ TDBUserAccess::TDBUserAccess(IDBInterface* ADatabase, std::int64_t AUserID,
                              std::chrono::milliseconds ACacheTime)
     : FStore(ADatabase), FUserID(AUserID), FCacheTime(ACacheTime) {}
 
-HRESULT TDBUserAccess::QueryInterface(const TGUID& iid, void** obj) {
-    if (QueryOwn<IUserAccess>(iid, obj)) return S_OK;
-    return TInterfacedObject::QueryInterface(iid, obj);
-}
-
 void TDBUserAccess::Refresh() {
     const auto now = std::chrono::steady_clock::now();
     if (FValid && now - FReadAt < FCacheTime) return;

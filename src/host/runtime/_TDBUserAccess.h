@@ -22,14 +22,10 @@
 
 namespace docadmin {
 
-class TDBUserAccess : public TInterfacedObject, public IUserAccess, public ICurrentUser {
+class TDBUserAccess : public TInterfacedImpl<IUserAccess>, public ICurrentUser {
   public:
     TDBUserAccess(IDBInterface* ADatabase, std::int64_t AUserID,
                   std::chrono::milliseconds ACacheTime = std::chrono::seconds(5));
-
-    HRESULT QueryInterface(const TGUID& iid, void** obj) override;
-    std::int32_t _AddRef() override { return TInterfacedObject::_AddRef(); }
-    std::int32_t _Release() override { return TInterfacedObject::_Release(); }
 
     std::int32_t GetUserID() override { return static_cast<std::int32_t>(FUserID); }
     bool IsReadOnly() override;

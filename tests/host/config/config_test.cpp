@@ -10,89 +10,49 @@
 #include "_TDocAdminConfig.h"
 #include "_TLocalSettingsStorage.h"
 #include "_TVantrelDatabaseRepository.h"
+#include "host/test_helpers.h"
 
 using namespace docadmin;
+using namespace docadmin::test;
 namespace fs = std::filesystem;
 
 namespace {
 
-// Sets or clears an environment variable for the scope of a test.
-class ScopedEnv {
-  public:
-    ScopedEnv(const char* name, const char* value) : FName(name) {
-        if (const char* old = std::getenv(name)) FOld = old, FHadOld = true;
-        if (value)
-            setenv(name, value, 1);
-        else
-            unsetenv(name);
-    }
-    ~ScopedEnv() {
-        if (FHadOld)
-            setenv(FName.c_str(), FOld.c_str(), 1);
-        else
-            unsetenv(FName.c_str());
-    }
-
-  private:
-    std::string FName, FOld;
-    bool FHadOld = false;
-};
-
 class ConfigTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        FDir = fs::temp_directory_path() /
-               ("config_test_" + std::to_string(getpid()) + "_" +
-                ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::remove_all(FDir);
-        fs::create_directories(FDir);
-        FData = (FDir / "data").string();
-    }
-    void TearDown() override { fs::remove_all(FDir); }
-
     std::string Write(const std::string& name, const std::string& text) {
-        const fs::path p = FDir / name;
-        fs::create_directories(p.parent_path());
-        std::ofstream(p) << text;
-        return p.string();
+        WriteFile(FDir / name, text);
+        return (FDir / name).string();
     }
 
-    static std::string ErrorOf(const std::string& text, const std::string& source = "x.toml") {
-        try {
-            TDocAdminConfig::FromString(text, source);
-        } catch (const EConfigError& e) {
-            return e.Message();
-        }
-        return "(no error)";
-    }
-
-    fs::path FDir;
-    std::string FData;
-    ScopedEnv FNoConfigEnv{"DOCADMIN_CONFIG", nullptr};
+    TTempDir FTemp{"config_test"};
+    const fs::path FDir = FTemp.Dir();
+    const std::string FData = (FDir / "data").string();
+    TScopedEnv FNoConfigEnv{"DOCADMIN_CONFIG", nullptr};
 };
 
 }  // namespace
 
 TEST_F(ConfigTest, DataFolderComesFromEnvironmentInOrder) {
-    ScopedEnv data("DOCADMIN_DATA", FData.c_str());
-    ScopedEnv xdg("XDG_DATA_HOME", (FDir / "xdg").c_str());
-    ScopedEnv home("HOME", (FDir / "home").c_str());
+    TScopedEnv data("DOCADMIN_DATA", FData.c_str());
+    TScopedEnv xdg("XDG_DATA_HOME", (FDir / "xdg").c_str());
+    TScopedEnv home("HOME", (FDir / "home").c_str());
     EXPECT_EQ(TDocAdminConfig::DefaultDataDir(), FData);
     {
-        ScopedEnv noData("DOCADMIN_DATA", nullptr);
+        TScopedEnv noData("DOCADMIN_DATA", nullptr);
         EXPECT_EQ(TDocAdminConfig::DefaultDataDir(), (FDir / "xdg" / "docadmin").string());
-        ScopedEnv noXdg("XDG_DATA_HOME", nullptr);
+        TScopedEnv noXdg("XDG_DATA_HOME", nullptr);
         EXPECT_EQ(TDocAdminConfig::DefaultDataDir(),
                   (FDir / "home" / ".local" / "share" / "docadmin").string());
         // A relative XDG_DATA_HOME is invalid and ignored.
-        ScopedEnv relXdg("XDG_DATA_HOME", "relative/xdg");
+        TScopedEnv relXdg("XDG_DATA_HOME", "relative/xdg");
         EXPECT_EQ(TDocAdminConfig::DefaultDataDir(),
                   (FDir / "home" / ".local" / "share" / "docadmin").string());
     }
 }
 
 TEST_F(ConfigTest, DefaultsAreOneSQLiteDatabaseInTheDataFolder) {
-    ScopedEnv data("DOCADMIN_DATA", FData.c_str());
+    TScopedEnv data("DOCADMIN_DATA", FData.c_str());
     const auto c = TDocAdminConfig::Locate("");
     EXPECT_EQ(c.ConfigFile(), "");
     EXPECT_EQ(c.DataDir(), FData);
@@ -114,14 +74,14 @@ TEST_F(ConfigTest, DefaultsAreOneSQLiteDatabaseInTheDataFolder) {
 }
 
 TEST_F(ConfigTest, LocateTakesArgumentThenEnvironmentThenDataFolderFile) {
-    ScopedEnv data("DOCADMIN_DATA", FData.c_str());
+    TScopedEnv data("DOCADMIN_DATA", FData.c_str());
     const std::string inData = Write("data/docadmin.toml", "seed_docroot = \"from-data\"\n");
     const std::string inEnv = Write("env.toml", "seed_docroot = \"from-env\"\n");
     const std::string inArg = Write("arg.toml", "seed_docroot = \"from-arg\"\n");
 
     EXPECT_EQ(TDocAdminConfig::Locate("").ConfigFile(), inData);
     {
-        ScopedEnv env("DOCADMIN_CONFIG", inEnv.c_str());
+        TScopedEnv env("DOCADMIN_CONFIG", inEnv.c_str());
         EXPECT_EQ(TDocAdminConfig::Locate("").ConfigFile(), inEnv);
         EXPECT_EQ(TDocAdminConfig::Locate(inArg).ConfigFile(), inArg);
         EXPECT_EQ(TDocAdminConfig::Locate(inArg).SeedDocRoot(), FData + "/from-arg");
@@ -129,7 +89,7 @@ TEST_F(ConfigTest, LocateTakesArgumentThenEnvironmentThenDataFolderFile) {
     // A file that is named must exist; the data folder's file may be missing.
     EXPECT_THROW(TDocAdminConfig::Locate((FDir / "missing.toml").string()), EConfigError);
     {
-        ScopedEnv env("DOCADMIN_CONFIG", (FDir / "missing.toml").c_str());
+        TScopedEnv env("DOCADMIN_CONFIG", (FDir / "missing.toml").c_str());
         EXPECT_THROW(TDocAdminConfig::Locate(""), EConfigError);
     }
     fs::remove(inData);
@@ -184,7 +144,8 @@ path = "/abs/x.db"
 
 TEST_F(ConfigTest, MistakesAreReportedWithTheFileName) {
     auto expectError = [](const std::string& text, const std::string& part) {
-        const std::string msg = ErrorOf(text);
+        const std::string msg =
+            MessageOf<EConfigError>([&] { TDocAdminConfig::FromString(text, "x.toml"); });
         EXPECT_EQ(msg.rfind("x.toml", 0), 0u) << msg;
         EXPECT_NE(msg.find(part), std::string::npos) << "message: " << msg;
     };
@@ -288,12 +249,7 @@ Keep = 7
 )");
     TLocalSettingsStorage s(TDocAdminConfig::FromFile(file));
     s.Save();  // nothing changed: the file stays as it is
-    EXPECT_NE(std::ifstream(file).peek(), EOF);
-    {
-        std::stringstream text;
-        text << std::ifstream(file).rdbuf();
-        EXPECT_NE(text.str().find("# a comment"), std::string::npos);
-    }
+    EXPECT_NE(ReadFile(file).find("# a comment"), std::string::npos);
 
     s.WriteString("DOCSRV", "FileRoot", "/new \"quoted\"");
     s.WriteInt64("DocAdmin", "Counter", -9000000000LL);
@@ -319,7 +275,7 @@ Keep = 7
 }
 
 TEST_F(ConfigTest, SavingWithoutAFileCreatesOneInTheDataFolder) {
-    ScopedEnv data("DOCADMIN_DATA", FData.c_str());
+    TScopedEnv data("DOCADMIN_DATA", FData.c_str());
     TLocalSettingsStorage s(TDocAdminConfig::Locate(""));
     s.WriteString("DOCSRV", "FileRoot", "/srv");
     s.Save();

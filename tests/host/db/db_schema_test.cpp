@@ -64,12 +64,9 @@ TEST(DBSchemaCatalogue, BadDescriptionsAreRejectedWithTheirSource) {
                  EDBSchemaError);
     EXPECT_THROW(parse(R"({"schema":"t","fields":[{"name":"id","type":"int64"}]})"),
                  EDBSchemaError);
-    try {
-        parse(R"({"schema":"t","fields":[{"name":"x","type":"blob"}]})");
-        FAIL();
-    } catch (const EDBSchemaError& e) {
-        EXPECT_EQ(e.Message(), "x.json: unknown field type \"blob\"");
-    }
+    EXPECT_EQ(test::MessageOf<EDBSchemaError>(
+                  [&] { parse(R"({"schema":"t","fields":[{"name":"x","type":"blob"}]})"); }),
+              "x.json: unknown field type \"blob\"");
 }
 
 class DBSchemaUpgrade : public DBTest {};
@@ -78,17 +75,14 @@ TEST_P(DBSchemaUpgrade, OpeningAgainAddsMissingColumnsAndKeepsRows) {
     const std::int64_t id = Insert("contacts", {{"name", "Miller"}});
     DB.reset();
 
-    const auto folder =
-        std::filesystem::temp_directory_path() / ("docadmin_schema_" + std::to_string(::getpid()));
-    std::filesystem::create_directories(folder);
-    std::ofstream(folder / "contacts.json") << R"({"schema": "contacts", "fields": [
+    const test::TTempDir folder("docadmin_schema");
+    test::WriteFile(folder / "contacts.json", R"({"schema": "contacts", "fields": [
         {"name": "name", "type": "string", "size": 200},
-        {"name": "nickname", "type": "string", "size": 50, "notNull": true}]})";
+        {"name": "nickname", "type": "string", "size": 50, "notNull": true}]})");
     TDatabaseParams p = FParams;
-    p.SchemaFolder = folder.string();
+    p.SchemaFolder = folder.Path();
     DB = OpenDatabase(p);
     const std::vector<std::string> second = DB->UpgradeSchema();
-    std::filesystem::remove_all(folder);
     EXPECT_TRUE(second.empty()) << "a second upgrade has nothing to do";
 
     auto rs = Set("contacts");

@@ -15,6 +15,7 @@
 
 #include "_DBInterface.h"
 #include "_TKRRecordSet.h"
+#include "host/test_helpers.h"
 
 namespace docadmin::testing {
 
@@ -75,10 +76,7 @@ class DBTest : public ::testing::TestWithParam<std::string> {
         TDatabaseParams p;
         p.Backend = GetParam();
         if (GetParam() == "sqlite") {
-            FFile = std::filesystem::temp_directory_path() /
-                    ("docadmin_db_" + std::to_string(::getpid()) + "_" +
-                     std::to_string(std::rand()) + ".sqlite");
-            p.SQLitePath = FFile.string();
+            p.SQLitePath = FTemp / "db.sqlite";
         } else {
             DOCADMIN_PG_CONNINFO_OR_SKIP(conninfo);
             FSchema = std::make_unique<TPGTestSchema>(conninfo);
@@ -91,11 +89,6 @@ class DBTest : public ::testing::TestWithParam<std::string> {
     void TearDown() override {
         DB.reset();
         FSchema.reset();
-        if (!FFile.empty()) {
-            std::error_code ec;
-            for (const char* suffix : {"", "-wal", "-shm"})
-                std::filesystem::remove(FFile.string() + suffix, ec);
-        }
     }
 
     // Inserts a row through a statement and answers its key.
@@ -132,7 +125,7 @@ class DBTest : public ::testing::TestWithParam<std::string> {
     TDatabaseParams FParams;
 
   private:
-    std::filesystem::path FFile;
+    test::TTempDir FTemp{"docadmin_db"};
     std::unique_ptr<TPGTestSchema> FSchema;
 };
 

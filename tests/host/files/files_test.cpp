@@ -16,8 +16,10 @@
 
 #include "_KRFileHandler.h"
 #include "_KRProcessRunner.h"
+#include "host/test_helpers.h"
 
 using namespace docadmin;
+using namespace docadmin::test;
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
@@ -35,15 +37,6 @@ bool IsCI() {
         if (IsCI()) FAIL() << name << " is not installed (scripts/setup installs it)"; \
         GTEST_SKIP() << name << " is not installed";                                   \
     }
-
-std::string ReadAll(const fs::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-void WriteAll(const fs::path& p, const std::string& data) {
-    std::ofstream(p, std::ios::binary) << data;
-}
 
 // A W x H RGBA PNG: the left half opaque red, the right half fully transparent.
 std::string HalfRedPNG(int W, int H) {
@@ -78,23 +71,12 @@ std::string HalfRedPNG(int W, int H) {
 class FilesConvert : public ::testing::Test {
   protected:
     void SetUp() override {
-        std::string name = ::testing::UnitTest::GetInstance()->current_test_info()->name();
-        std::replace(name.begin(), name.end(), '/', '_');
-        FDir = fs::temp_directory_path() / ("files_test_" + std::to_string(getpid()) + "_" + name);
-        fs::remove_all(FDir);
         fs::create_directories(FDir / "tmp");
         fs::create_directories(FDir / "data");
-        if (const char* t = std::getenv("TMPDIR")) FOldTmp = t;
-        setenv("TMPDIR", (FDir / "tmp").c_str(), 1);
     }
     void TearDown() override {
         // Conversions leave nothing in the temporary folder, whatever happened.
         EXPECT_TRUE(fs::is_empty(FDir / "tmp"));
-        if (FOldTmp.empty())
-            unsetenv("TMPDIR");
-        else
-            setenv("TMPDIR", FOldTmp.c_str(), 1);
-        fs::remove_all(FDir);
     }
     std::string Data(const std::string& name) { return (FDir / "data" / name).string(); }
     // Runs a poppler tool on a file; its output, or "" when it failed.
@@ -102,18 +84,19 @@ class FilesConvert : public ::testing::Test {
         const std::string log = Data("poppler.out");
         const TProcessResult r =
             RunProcess(args, Data(""), {}, log, std::chrono::steady_clock::now() + 30s);
-        return r.ExitCode == 0 ? ReadAll(log) : std::string();
+        return r.ExitCode == 0 ? ReadFile(log) : std::string();
     }
     // A fake converter script standing in for LibreOffice.
     void FakeOffice(TKRFileHandlerClient& client, const std::string& body) {
         const std::string script = Data("fake-office");
-        WriteAll(script, "#!/bin/sh\n" + body);
+        WriteFile(script, "#!/bin/sh\n" + body);
         fs::permissions(script, fs::perms::owner_all);
         client.OfficeHandler().SetExecutable(script);
     }
 
-    fs::path FDir;
-    std::string FOldTmp;
+    TTempDir FTemp{"files_test"};
+    const fs::path FDir = FTemp.Dir();
+    TScopedEnv FTmpEnv{"TMPDIR", (FDir / "tmp").c_str()};
     TKRFileHandlerClient FClient{nullptr};
 };
 
@@ -122,26 +105,26 @@ class FilesConvert : public ::testing::Test {
 TEST_F(FilesConvert, TextDocumentToAnOfficeFormatAndThatToPDF) {
     REQUIRE_TOOL(FClient.GetFileHandlerByExt(".txt"), "LibreOffice");
     REQUIRE_TOOL(!FindExecutable("pdftotext").empty(), "pdftotext (poppler-utils)");
-    WriteAll(Data("letter.txt"), "Grüße from the document store\nsecond line\n");
+    WriteFile(Data("letter.txt"), "Grüße from the document store\nsecond line\n");
     ASSERT_TRUE(FClient.ConvertFormat(Data("letter.txt"), Data("letter.docx")))
         << TKRFileHandlerClient::LastConvertError();
-    EXPECT_EQ(ReadAll(Data("letter.docx")).substr(0, 4), "PK\x03\x04");
+    EXPECT_EQ(ReadFile(Data("letter.docx")).substr(0, 4), "PK\x03\x04");
     // The PDF is made from the DOCX, so its text proves both steps.
     ASSERT_TRUE(FClient.ConvertFormat(Data("letter.docx"), Data("letter.pdf")))
         << TKRFileHandlerClient::LastConvertError();
-    EXPECT_EQ(ReadAll(Data("letter.pdf")).substr(0, 5), "%PDF-");
+    EXPECT_EQ(ReadFile(Data("letter.pdf")).substr(0, 5), "%PDF-");
     Poppler({FindExecutable("pdftotext"), Data("letter.pdf"), Data("letter-text.txt")});
-    EXPECT_NE(ReadAll(Data("letter-text.txt")).find("Grüße from the document store"),
+    EXPECT_NE(ReadFile(Data("letter-text.txt")).find("Grüße from the document store"),
               std::string::npos);
 }
 
 TEST_F(FilesConvert, ImageToPDFKeepsItsPixelsOnWhite) {
     REQUIRE_TOOL(FClient.GetFileHandlerByExt(".png"), "ImageMagick");
     REQUIRE_TOOL(!FindExecutable("pdftoppm").empty(), "pdftoppm (poppler-utils)");
-    WriteAll(Data("scan.png"), HalfRedPNG(40, 30));
+    WriteFile(Data("scan.png"), HalfRedPNG(40, 30));
     ASSERT_TRUE(FClient.ConvertFormat(Data("scan.png"), Data("scan.pdf")))
         << TKRFileHandlerClient::LastConvertError();
-    EXPECT_EQ(ReadAll(Data("scan.pdf")).substr(0, 5), "%PDF-");
+    EXPECT_EQ(ReadFile(Data("scan.pdf")).substr(0, 5), "%PDF-");
     std::string info = Poppler({FindExecutable("pdfinfo"), Data("scan.pdf")});
     info.erase(
         std::unique(info.begin(), info.end(), [](char a, char b) { return a == ' ' && b == ' '; }),
@@ -171,7 +154,7 @@ TEST_F(FilesConvert, ImageToPDFKeepsItsPixelsOnWhite) {
 
     // Between image formats ImageMagick writes the file itself.
     ASSERT_TRUE(FClient.ConvertFormat(Data("scan.png"), Data("scan.JPG")));
-    EXPECT_EQ(ReadAll(Data("scan.JPG")).substr(0, 3), "\xFF\xD8\xFF");
+    EXPECT_EQ(ReadFile(Data("scan.JPG")).substr(0, 3), "\xFF\xD8\xFF");
 }
 
 struct TFakeCase {
@@ -191,18 +174,18 @@ TEST_P(FilesFailure, LeavesTheDestinationAndNothingElse) {
     FakeOffice(FClient, c.Script);
     FClient.SetTimeout(500ms);
     setenv("FAKE_PIDFILE", Data("child.pid").c_str(), 1);
-    WriteAll(Data("in.txt"), "text");
-    WriteAll(Data("out.pdf"), "the old file");
+    WriteFile(Data("in.txt"), "text");
+    WriteFile(Data("out.pdf"), "the old file");
     const auto start = std::chrono::steady_clock::now();
     EXPECT_FALSE(FClient.ConvertFormat(Data("in.txt"), Data("out.pdf")));
     EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
     EXPECT_NE(TKRFileHandlerClient::LastConvertError().find(c.Reason), std::string::npos)
         << TKRFileHandlerClient::LastConvertError();
-    EXPECT_EQ(ReadAll(Data("out.pdf")), "the old file");
+    EXPECT_EQ(ReadFile(Data("out.pdf")), "the old file");
     if (fs::exists(Data("child.pid"))) {
         // What the converter started in the background went with it.
-        const std::string pid = ReadAll(Data("child.pid"));
-        const std::string stat = ReadAll("/proc/" + pid.substr(0, pid.find('\n')) + "/stat");
+        const std::string pid = ReadFile(Data("child.pid"));
+        const std::string stat = ReadFile("/proc/" + pid.substr(0, pid.find('\n')) + "/stat");
         EXPECT_TRUE(stat.empty() || stat.find(") Z ") != std::string::npos) << stat;
     }
 }
@@ -228,7 +211,7 @@ TEST_F(FilesConvert, ParallelConversionsKeepToTheLimit) {
     setenv("FAKE_LOCK", Data("lock").c_str(), 1);
     const int before = TKRFileHandlerClient::MaxParallelConversions();
     TKRFileHandlerClient::SetMaxParallelConversions(1);
-    WriteAll(Data("in.txt"), "text");
+    WriteFile(Data("in.txt"), "text");
     std::vector<std::thread> threads;
     std::atomic<int> converted{0};
     for (int i = 0; i < 3; ++i)
@@ -239,7 +222,7 @@ TEST_F(FilesConvert, ParallelConversionsKeepToTheLimit) {
         t.join();
     TKRFileHandlerClient::SetMaxParallelConversions(before);
     EXPECT_EQ(converted, 3);
-    EXPECT_EQ(ReadAll(Data("2.pdf")), "converted\n");
+    EXPECT_EQ(ReadFile(Data("2.pdf")), "converted\n");
 }
 
 TEST_F(FilesConvert, ConvertersInheritNoOpenFileOfTheHost) {
@@ -247,7 +230,7 @@ TEST_F(FilesConvert, ConvertersInheritNoOpenFileOfTheHost) {
     ASSERT_GE(fd, 3);
     FakeOffice(FClient, "[ -e /proc/self/fd/" + std::to_string(fd) +
                             " ] && exit 9\necho converted > out/source.pdf\n");
-    WriteAll(Data("in.txt"), "text");
+    WriteFile(Data("in.txt"), "text");
     EXPECT_TRUE(FClient.ConvertFormat(Data("in.txt"), Data("in.pdf")))
         << TKRFileHandlerClient::LastConvertError();
     ::close(fd);
@@ -256,7 +239,7 @@ TEST_F(FilesConvert, ConvertersInheritNoOpenFileOfTheHost) {
 TEST_F(FilesConvert, UnknownFormatsMissingFilesAndHandlersByExtension) {
     FClient.OfficeHandler().SetExecutable("/bin/true");
     FClient.ImageHandler().SetExecutable("/bin/true");
-    WriteAll(Data("a.txt"), "text");
+    WriteFile(Data("a.txt"), "text");
     EXPECT_EQ(FClient.GetFileHandlerByExt("TXT"), &FClient.OfficeHandler());
     EXPECT_EQ(FClient.GetFileHandlerByExt(".Png"), &FClient.ImageHandler());
     EXPECT_EQ(FClient.GetFileHandlerByExt(".xyz"), nullptr);
@@ -277,7 +260,7 @@ TEST_F(FilesConvert, UnknownFormatsMissingFilesAndHandlersByExtension) {
     }
     // The same format is a copy; no program runs.
     EXPECT_TRUE(FClient.ConvertFormat(Data("a.txt"), Data("copy.TXT")));
-    EXPECT_EQ(ReadAll(Data("copy.TXT")), "text");
+    EXPECT_EQ(ReadFile(Data("copy.TXT")), "text");
     EXPECT_EQ(TKRFileHandlerClient::LastConvertError(), "");
     // A handler that isn't installed converts nothing.
     FClient.OfficeHandler().SetExecutable("");

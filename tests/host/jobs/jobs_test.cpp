@@ -12,32 +12,15 @@
 #include "_KRBackgroundJobs.h"
 #include "_MainThreadQueue.h"
 #include "host/runtime/test_main_interface.h"
+#include "host/runtime/test_wait.h"
 
 using namespace docadmin;
+using docadmin::test::PumpUntil;
+using docadmin::test::WaitUntil;
 using namespace std::chrono_literals;
 using TClock = std::chrono::steady_clock;
 
 namespace {
-
-// Runs the main thread's queue until the condition holds; false after the timeout.
-bool PumpUntil(const std::function<bool()>& ACondition, std::chrono::milliseconds ATimeout = 5s) {
-    const auto deadline = TClock::now() + ATimeout;
-    while (!ACondition()) {
-        if (TClock::now() > deadline) return false;
-        CheckSynchronize(5);
-    }
-    return true;
-}
-
-// Waits without running the main thread's queue.
-bool WaitUntil(const std::function<bool()>& ACondition, std::chrono::milliseconds ATimeout = 5s) {
-    const auto deadline = TClock::now() + ATimeout;
-    while (!ACondition()) {
-        if (TClock::now() > deadline) return false;
-        std::this_thread::sleep_for(2ms);
-    }
-    return true;
-}
 
 // What the jobs of a test did: their events in order, with the thread each came on.
 struct TLog {

@@ -13,9 +13,11 @@
 #include "_HostLog.h"
 #include "_THost.h"
 #include "_TVTLFrameworkScriptGlobalFunctions.h"
+#include "host/test_helpers.h"
 #include "plughost_test_api.h"
 
 using namespace docadmin;
+using docadmin::test::TTempDir;
 using namespace plughost_test;
 namespace fs = std::filesystem;
 
@@ -39,10 +41,6 @@ class THostObject : public TInterfacedObject {};
 class PluginHostTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        FDir = fs::temp_directory_path() /
-               ("plughost_" + std::to_string(getpid()) + "_" +
-                ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::remove_all(FDir);
         fs::create_directories(FDir / "plugins");
         TakeEvents();
         FSink = std::make_shared<spdlog::sinks::ostream_sink_mt>(FLog);
@@ -51,7 +49,6 @@ class PluginHostTest : public ::testing::Test {
     void TearDown() override {
         auto& sinks = HostLog()->sinks();
         sinks.erase(std::remove(sinks.begin(), sinks.end(), FSink), sinks.end());
-        fs::remove_all(FDir);
     }
 
     // Puts a test plug-in of the build into this test's plug-in folder under AAs.
@@ -68,7 +65,8 @@ class PluginHostTest : public ::testing::Test {
         return std::make_unique<THost>(TDocAdminConfig::FromString(text, ""), rmTool, 1000);
     }
 
-    fs::path FDir;
+    TTempDir FTemp{"plughost"};
+    const fs::path FDir = FTemp.Dir();
     std::ostringstream FLog;
     std::shared_ptr<spdlog::sinks::ostream_sink_mt> FSink;
 };
@@ -211,12 +209,7 @@ TEST_F(PluginHostTest, ExtFuncInterfaceExceptionsAndReferencesCrossTheBoundary) 
     EXPECT_EQ(ext->Hello(), "hello from A");
 
     // The plug-in's exception arrives as its own type and as the host's base.
-    try {
-        ext->Fail();
-        ADD_FAILURE() << "no exception";
-    } catch (const EPlugTestFault& e) {
-        EXPECT_EQ(e.Message(), "fault in the plug-in");
-    }
+    EXPECT_EQ(test::MessageOf<EPlugTestFault>([&] { ext->Fail(); }), "fault in the plug-in");
     EXPECT_THROW(ext->Fail(), EDocAdminException);
 
     // A host object the plug-in keeps is released when the plug-in goes; an object the plug-in

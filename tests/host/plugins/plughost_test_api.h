@@ -36,21 +36,18 @@ class IPlugTestExt : public docadmin::IInterface {
     virtual docadmin::IPtr<docadmin::IInterface> MakeObject() = 0;
 };
 
-// An object counted in LiveObjects, and a resource source that offers nothing.
-class TCounted : public docadmin::TInterfacedObject {
+// An object counted in LiveObjects that implements the interfaces Is.
+template <class... Is>
+class TCountedImpl : public docadmin::TInterfacedImpl<Is...> {
   public:
-    TCounted() { ++LiveObjects(); }
-    ~TCounted() override { --LiveObjects(); }
+    TCountedImpl() { ++LiveObjects(); }
+    ~TCountedImpl() override { --LiveObjects(); }
 };
+using TCounted = TCountedImpl<>;
 
-class TSource : public TCounted, public docadmin::IRessourceSource {
+// A resource source that offers nothing.
+class TSource : public TCountedImpl<docadmin::IRessourceSource> {
   public:
-    docadmin::HRESULT QueryInterface(const docadmin::TGUID& iid, void** obj) override {
-        if (QueryOwn<IRessourceSource>(iid, obj)) return docadmin::S_OK;
-        return TCounted::QueryInterface(iid, obj);
-    }
-    std::int32_t _AddRef() override { return TCounted::_AddRef(); }
-    std::int32_t _Release() override { return TCounted::_Release(); }
     std::int32_t Get_ContainerCount() override { return 0; }
     std::int32_t Get_ContainerInfo(std::int32_t,
                                    docadmin::IPtr<docadmin::IInterface>& AContainer) override {

@@ -35,14 +35,8 @@ class TTestContainer : public TCustomRessourceContainer {
     }
 };
 
-class TNotify : public TInterfacedObject, public IRessourceContainerNotify {
+class TNotify : public TInterfacedImpl<IRessourceContainerNotify> {
   public:
-    HRESULT QueryInterface(const TGUID& iid, void** obj) override {
-        if (QueryOwn<IRessourceContainerNotify>(iid, obj)) return S_OK;
-        return TInterfacedObject::QueryInterface(iid, obj);
-    }
-    std::int32_t _AddRef() override { return TInterfacedObject::_AddRef(); }
-    std::int32_t _Release() override { return TInterfacedObject::_Release(); }
     void Do_ContainerNotify(TRessourceContainerNotifyType AType, IRessourceContainer* C) override {
         Log.push_back("notify" + std::to_string(AType) + ":" + C->Get_ResIdentifier());
     }
@@ -143,16 +137,10 @@ TEST(VTLEventPool, FiresListenersInOrderUntilRemoved) {
     EXPECT_EQ(calls, (std::vector<std::string>{"1:7", "2:7", "2:8"}));
 }
 
-class TSource : public TInterfacedObject, public IRessourceSource {
+class TSource : public TInterfacedImpl<IRessourceSource> {
   public:
     TSource(bool AEnabled, bool AAnswers, std::string ACaption)
         : FEnabled(AEnabled), FAnswers(AAnswers), FCaption(std::move(ACaption)) {}
-    HRESULT QueryInterface(const TGUID& iid, void** obj) override {
-        if (QueryOwn<IRessourceSource>(iid, obj)) return S_OK;
-        return TInterfacedObject::QueryInterface(iid, obj);
-    }
-    std::int32_t _AddRef() override { return TInterfacedObject::_AddRef(); }
-    std::int32_t _Release() override { return TInterfacedObject::_Release(); }
     std::int32_t Get_ContainerCount() override { return 1; }
     std::int32_t Get_ContainerInfo(std::int32_t, IPtr<IInterface>& C) override {
         C.reset();

@@ -22,18 +22,14 @@ std::mutex GVisitLock;
 std::vector<TVisit> GVisits;
 std::string GTempFile;
 
+// A service for the session types it is made with.
 class TTestService : public TVTLCustomRestService {
   public:
-    TConnectorSessionTypes GetValidConnectorSessionTypes() const override {
-        return 1 << cstAPIClient | 1 << cstBrowser;
-    }
-};
+    explicit TTestService(TConnectorSessionTypes ATypes) : FTypes(ATypes) {}
+    TConnectorSessionTypes GetValidConnectorSessionTypes() const override { return FTypes; }
 
-class TServiceOnlyService : public TVTLCustomRestService {
-  public:
-    TConnectorSessionTypes GetValidConnectorSessionTypes() const override {
-        return 1 << cstService;
-    }
+  private:
+    TConnectorSessionTypes FTypes;
 };
 
 const TAPIInterfaceType& TestInterface() {
@@ -93,10 +89,9 @@ class RestServer : public TRestServerFixture {
         FClient->AddItem("Restricted", "{0A0A0A0A-1B1B-4C2C-8D3D-4E4E4E4E4E4F}", "restricted");
         FClient->OnGetAPIService = [](TVTLBIAPIClient*, const TVTLBIAPIItem& item,
                                       TRestServiceClass& cls, TInterfaceTypeList& intfs) {
-            if (item.Index == 0)
-                cls = [] { return std::make_unique<TTestService>(); };
-            else
-                cls = [] { return std::make_unique<TServiceOnlyService>(); };
+            const TConnectorSessionTypes types =
+                item.Index == 0 ? 1 << cstAPIClient | 1 << cstBrowser : 1 << cstService;
+            cls = [types] { return std::make_unique<TTestService>(types); };
             intfs.push_back(&TestInterface());
         };
         std::lock_guard lock(GVisitLock);

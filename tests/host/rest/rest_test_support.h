@@ -20,6 +20,7 @@
 #include "_THost.h"
 #include "_TVTLRestServer.h"
 #include "host/db/db_test_support.h"
+#include "host/test_helpers.h"
 
 namespace docadmin::test {
 
@@ -122,12 +123,6 @@ class TRestServerFixture : public ::testing::Test {
     virtual std::string Backend() const { return "sqlite"; }
 
     void SetUp() override {
-        std::string name = ::testing::UnitTest::GetInstance()->current_test_info()->name();
-        std::replace(name.begin(), name.end(), '/', '_');  // parameterised: "Case/sqlite"
-        FDir = std::filesystem::temp_directory_path() /
-               ("rest_" + std::to_string(getpid()) + "_" + name);
-        std::filesystem::remove_all(FDir);
-        std::filesystem::create_directories(FDir);
         std::string config = "data_dir = \"" + FDir.string() + "\"\n";
         if (Backend() == "postgresql") {
             DOCADMIN_PG_CONNINFO_OR_SKIP(conninfo);
@@ -150,7 +145,6 @@ class TRestServerFixture : public ::testing::Test {
         FServer.reset();
         FHost.reset();
         FPGSchema.reset();
-        std::filesystem::remove_all(FDir);
     }
     void StartServer() {
         FServer = std::make_unique<TVTLRestServer>(*FHost, FOptions);
@@ -170,7 +164,8 @@ class TRestServerFixture : public ::testing::Test {
         return c.Call(AMethod, ATarget, ABody, AToken);
     }
 
-    std::filesystem::path FDir;
+    TTempDir FTemp{"rest"};
+    const std::filesystem::path FDir = FTemp.Dir();
     std::unique_ptr<docadmin::testing::TPGTestSchema> FPGSchema;
     std::unique_ptr<THost> FHost;
     std::int64_t FAlice = 0;

@@ -12,8 +12,10 @@
 #include "_TKRRecordSet.h"
 #include "_TPasswordHash.h"
 #include "_TUserStore.h"
+#include "host/test_helpers.h"
 
 using namespace docadmin;
+using docadmin::test::TTempDir;
 namespace fs = std::filesystem;
 
 TEST(RuntimePassword, HashVerifiesOnlyItsPasswordAndSaysWhenItNeedsAnUpgrade) {
@@ -58,11 +60,6 @@ namespace {
 class RuntimeHost : public ::testing::Test {
   protected:
     void SetUp() override {
-        FDir = fs::temp_directory_path() /
-               ("runtime_host_" + std::to_string(getpid()) + "_" +
-                ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::remove_all(FDir);
-        fs::create_directories(FDir);
         FConfigFile = (FDir / "docadmin.toml").string();
         std::ofstream(FConfigFile) << R"(data_dir = "data"
 can_create_container = false
@@ -73,13 +70,12 @@ DocumentsPath = "$DataDir$store"
 FileRoot = "/srv/files"
 )";
     }
-    void TearDown() override { fs::remove_all(FDir); }
-
     std::unique_ptr<THost> Open(std::uint8_t mode = rmTool) {
         return std::make_unique<THost>(TDocAdminConfig::FromFile(FConfigFile), mode, 1000);
     }
 
-    fs::path FDir;
+    TTempDir FTemp{"runtime_host"};
+    const fs::path FDir = FTemp.Dir();
     std::string FConfigFile;
 };
 
