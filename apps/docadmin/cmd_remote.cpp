@@ -325,7 +325,11 @@ void RunGet(const RemoteOptions& o) {
     sink.Commit(dest, o.Force);
     bar.Finish();
     client->Logout();
-    std::cout << "fetched " << PrintableText(dest.string()) << " (" << r.Bytes << " bytes"
+    const double seconds = std::chrono::duration<double>(r.Duration).count();
+    char rate[64];
+    std::snprintf(rate, sizeof rate, " in %.3f s, %.1f MiB/s", seconds,
+                  seconds > 0 ? static_cast<double>(r.Bytes) / 1048576.0 / seconds : 0.0);
+    std::cout << "fetched " << PrintableText(dest.string()) << " (" << r.Bytes << " bytes" << rate
               << (r.Converted ? ", converted" : "")
               << (r.Retries ? ", " + std::to_string(r.Retries) + " chunk(s) asked again" : "")
               << ")\n";

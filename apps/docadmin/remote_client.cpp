@@ -455,6 +455,7 @@ TDownloadResult TRemoteClient::Download(const TDownloadRequest& ARequest, TDownl
         throw Exception("The download ended after " + std::to_string(position) +
                         " bytes; the document has " + std::to_string(expected));
     result.Bytes = position;
+    result.Duration = std::chrono::steady_clock::now() - start;
     return result;
 }
 

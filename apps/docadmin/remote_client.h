@@ -88,6 +88,7 @@ struct TDownloadResult {
     bool Converted = false;
     int Retries = 0;  // chunks asked for again
     std::chrono::steady_clock::duration FirstChunk{};
+    std::chrono::steady_clock::duration Duration{};  // first request to last byte written
 };
 
 // Progress of a download: bytes so far and the expected total (-1 unknown).
