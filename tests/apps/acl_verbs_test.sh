@@ -84,14 +84,17 @@ listed() {
         -d "{\"StorageUID\":\"$storage\",\"SchemaName\":\"contacts\",\"RecordUID\":\"$2\"}" |
         jq '[.. | objects | select(has("size"))] | length'
 }
-# chains RECORD: folders titled RECORD in the whole tree, as the local administrator sees it.
-chains() {
-    "$bin" ls --json --plugin "$storage" | jq --arg r "$1" '[.. | objects | select(.title? == $r)] | length'
-}
-# check_lists RECORD ALICE BOB: what each lists of RECORD, and one folder chain for it once alice
-# has listed it (bob, who doesn't see the folder, gets one of his own from the server).
+# chains RECORD: the folders titled RECORD in the database.
+chains() { sql "select count(*) from docadmindir where title = '$1'"; }
+# check_lists RECORD ALICE BOB: alice adds a document to RECORD through the server; then what
+# alice and bob list of RECORD, and one folder chain for it: the server put alice's document into
+# the folder that the program made (bob, who can't see it, would get a chain of his own).
+echo 'alice-password-1' >alice.pw
+printf 'four' >extra.txt
 check_lists() {
     local a b
+    expect 0 "$bin" remote --url "$url" --user alice --password-file alice.pw put extra.txt \
+        --schema contacts --record "$1"
     a=$(listed alice "$1")
     [[ $(chains "$1") == 1 ]] || fail "record $1 has $(chains "$1") folder chains"
     b=$(listed bob "$1")
@@ -111,18 +114,18 @@ printf 'three' >sample/letters/c.txt
 
 # ---- the local administrator writes into tool_acl_group: 0 by default, readable by everybody
 eval "expect 0 \"\$bin\" import sample $(at "${records[0]}")"
-check_lists "${records[0]}" 3 3
+check_lists "${records[0]}" 4 4
 printf '[host]\ntool_acl_group = %s\n' "$sales" | cat docadmin.toml - >sales.toml
 eval "expect 0 \"\$bin\" import sample --config sales.toml $(at "${records[1]}")"
-check_lists "${records[1]}" 3 0
+check_lists "${records[1]}" 4 0
 
 # ---- --as: the user's default group, and the user's row rights
 eval "expect 0 \"\$bin\" import sample --as alice $(at "${records[2]}")"
 eval "expect 1 \"\$bin\" ls --as bob $(at "${records[2]}")"
 [[ $err == *"not found"* ]] || fail "bob reads alice's folder: $out :: $err"
-check_lists "${records[2]}" 3 0
+check_lists "${records[2]}" 4 0
 eval "expect 0 \"\$bin\" ls --json --as bob --plugin \"\$storage\""
-[[ $(jq .documents <<<"$out") == 3 ]] || fail "bob's whole tree: $(jq -c . <<<"$out")"
+[[ $(jq .documents <<<"$out") == 4 ]] || fail "bob's whole tree: $(jq -c . <<<"$out")"
 
 # ---- refused before anything is written
 before=$(rows)
@@ -150,7 +153,7 @@ expect 0 "$bin" repair-acl --group sales
     fail "repair-acl said: $out"
 [[ $(rows) == "$(sed "s/|-1\$/|$sales/" <<<"$before")" ]] ||
     fail "repair-acl moved other rows: $(diff <(echo "$before") <(rows))"
-check_lists "${records[4]}" 3 0
+check_lists "${records[4]}" 4 0
 expect 0 "$bin" repair-acl --group 0
 [[ $out == "moved 0 folder(s) and 0 document(s) without an ACL group into group 0" ]] ||
     fail "a second repair-acl: $out"
