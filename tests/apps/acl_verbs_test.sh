@@ -130,13 +130,15 @@ eval "expect 0 \"\$bin\" ls --json --as bob --plugin \"\$storage\""
 # ---- refused before anything is written
 before=$(rows)
 printf '[host]\ntool_acl_group = 999999\n' | cat docadmin.toml - >nogroup.toml
-for refused in "--as nobody:--as: user nobody does not exist" \
-    "--as erin:--as: user erin is disabled" \
-    "--as carol:--as: user carol may only read" \
-    "--config nogroup.toml:[host] tool_acl_group: ACL group 999999 does not exist" \
-    "--as dave:--as: user dave may not write in the default ACL group $sales"; do
+printf '[host]\ntool_acl_group = -1\n' | cat docadmin.toml - >negative.toml
+for refused in "--as nobody:docadmin: --as: user nobody does not exist" \
+    "--as erin:docadmin: --as: user erin is disabled" \
+    "--as carol:docadmin: --as: user carol may only read" \
+    "--as dave:docadmin: --as: user dave may not write in the default ACL group $sales" \
+    "--config nogroup.toml:docadmin: [host] tool_acl_group: ACL group 999999 does not exist" \
+    "--config negative.toml:host.tool_acl_group must be an ACL group id from 0"; do
     eval "expect 1 \"\$bin\" import sample ${refused%%:*} $(at "${records[3]}")"
-    [[ $err == "docadmin: ${refused#*:}"* ]] || fail "import ${refused%%:*}: $err"
+    [[ $err == *"${refused#*:}"* ]] || fail "import ${refused%%:*}: $err"
 done
 [[ $(rows) == "$before" ]] || fail "a refused import wrote rows: $(diff <(echo "$before") <(rows))"
 eval "expect 0 \"\$bin\" ls --as carol $(at "${records[2]}")" # reading is allowed
