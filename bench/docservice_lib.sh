@@ -57,13 +57,10 @@ new_record() {
     call /records/contacts '{"name":"Bench"}' | jq -r '.record_info[0].server_uid'
 }
 # seed_record UID DIR: DIR's files into the record's tree (locally, beside the running server),
-# before the server has loaded that record. The rows that the local import writes carry the ACL
-# group -1, which the server's users don't see (it would make a second folder chain for the
-# record); they are moved into group 0, the bench user's default group.
+# before the server has loaded that record. The import acts as the bench user, so its rows are in
+# that user's default group and the server shows them to the user like its own.
 seed_record() {
-    "$bin" import "$2" --plugin "$storage" --path "\"contacts#Records\",\"$1\"" >/dev/null
-    sqlite3 "$work/data/docadmin.db" "update docadmindir set globalaclgrp = 0 where globalaclgrp = -1;
-        update docadmindocs set globalaclgrp = 0 where globalaclgrp = -1;"
+    "$bin" import "$2" --as bench --plugin "$storage" --path "\"contacts#Records\",\"$1\"" >/dev/null
 }
 # mem_kib FIELD: VmRSS or VmHWM of serve in KiB.
 mem_kib() { awk -v f="$1:" '$1 == f {print $2}' "/proc/$spid/status"; }

@@ -20,6 +20,7 @@
 #include "_Tools.h"
 #include "commands.h"
 #include "host_options.h"
+#include "user_lookup.h"
 
 namespace docadmin::app {
 namespace {
@@ -62,23 +63,6 @@ std::string ReadPassword(const TUserStore& users, bool fromStdin) {
     }
     users.CheckPassword(password);
     return password;
-}
-
-// A group by id or by name.
-std::int64_t ResolveGroup(TUserStore& users, const std::string& text) {
-    std::int64_t id = 0;
-    bool numeric = !text.empty();
-    for (char c : text)
-        numeric = numeric && c >= '0' && c <= '9';
-    if (numeric) {
-        id = std::stoll(text);
-        if (id != 0 && !users.GetACLGroup(id))
-            throw Exception("ACL group " + text + " does not exist");
-        return id;
-    }
-    const auto g = users.FindACLGroup(text);
-    if (!g) throw Exception("ACL group " + text + " does not exist");
-    return g->ID;
 }
 
 TUserInfo RequireUser(TUserStore& users, const std::string& name) {

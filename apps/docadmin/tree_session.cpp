@@ -4,6 +4,7 @@
 #include "_Dialogs.h"
 #include "_HostLog.h"
 #include "_Tools.h"
+#include "user_lookup.h"
 
 namespace docadmin::app {
 
@@ -61,6 +62,10 @@ void AddTreeOptions(CLI::App* app, TreeOptions& options) {
     app->add_option("--path", options.Path,
                     "folder below the plug-in's tree as comma text, e.g. '\"Letters\",\"2024\"'; a "
                     "record's folder is '\"<table>#Records\",\"<record UID>\"'");
+    app->add_option("--as", options.AsUser,
+                    "act as this user of the user store: new rows go into the user's default ACL "
+                    "group and the user's rights apply (default: the local administrator, who "
+                    "sees every row and whose new rows go into [host] tool_acl_group)");
 }
 
 TTreeSession::TTreeSession(TModuleSession& AModule, const TreeOptions& AOptions)
@@ -113,6 +118,7 @@ void RunWithModule(const HostOptions& AOptions, const std::function<void(TModule
 void RunTreeVerb(const TreeOptions& AOptions, const std::function<void(TTreeSession&)>& AVerb) {
     TModuleSession module(AOptions.Host);
     PassModuleExceptions([&] {
+        ActAs(module.Host(), AOptions.AsUser, !AOptions.ReadOnly);
         TTreeSession tree(module, AOptions);
         AVerb(tree);
     });

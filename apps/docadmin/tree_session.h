@@ -69,6 +69,8 @@ struct TreeOptions {
     bool ReadOnly = false;
     // A where-text on the documents; empty for all.
     std::string Where;
+    // --as: the user the verb acts as; empty for the local administrator (see ActAs).
+    std::string AsUser;
 };
 
 void AddTreeOptions(CLI::App* app, TreeOptions& options);
@@ -104,7 +106,8 @@ class TTreeSession {
 
 // Runs AWork with the module loaded; see the file comment for what it raises.
 void RunWithModule(const HostOptions& AOptions, const std::function<void(TModuleSession&)>& AWork);
-// Runs AVerb on a tree session of AOptions; see the file comment for what it raises.
+// Runs AVerb on a tree session of AOptions, acting as AOptions.AsUser (see ActAs in
+// user_lookup.h); see the file comment for what it raises.
 void RunTreeVerb(const TreeOptions& AOptions, const std::function<void(TTreeSession&)>& AVerb);
 
 }  // namespace docadmin::app

@@ -6,6 +6,7 @@
 #include <toml++/toml.h>
 #include <algorithm>
 #include <charconv>
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -283,6 +284,11 @@ TDocAdminConfig TDocAdminConfig::FromString(const std::string& AText,
                     r.Fail("host.language must be \"de\", \"en\", \"fr\" or \"it\", not \"" + lang +
                            "\"");
                 c.FLanguageIndex = static_cast<int>(it - std::begin(names));
+            } else if (key == "tool_acl_group") {
+                auto i = v.value_exact<std::int64_t>();
+                if (!i || *i < 0 || *i > INT32_MAX)
+                    r.Fail("host.tool_acl_group must be an ACL group id from 0 to 2147483647");
+                c.FToolACLGroup = *i;
             } else {
                 r.Fail("unknown key host." + key);
             }

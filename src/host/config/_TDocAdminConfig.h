@@ -106,6 +106,9 @@ class TDocAdminConfig {
     const std::string& PluginDir() const { return FPluginDir; }
     // [host] language: "de", "en" (the default), "fr" or "it" as a LanguageXxx index.
     int LanguageIndex() const { return FLanguageIndex; }
+    // [host] tool_acl_group: the ACL group of the rows that the command-line tools write when
+    // they act as the local administrator (no user named); default 0, the group of new users.
+    std::int64_t ToolACLGroup() const { return FToolACLGroup; }
 
     const TLocalSettings& LocalSettings() const { return FLocalSettings; }
     // The keys of the [server] table as text; the server checks names and values.
@@ -126,6 +129,7 @@ class TDocAdminConfig {
     int FMinPasswordLength = DefaultMinPasswordLength;
     std::string FPluginDir;
     int FLanguageIndex = LanguageEnglish;
+    std::int64_t FToolACLGroup = 0;
     TLocalSettings FLocalSettings;
     std::map<std::string, TLocalSettingValue> FServerSettings;
 };

@@ -138,7 +138,14 @@ IUserAccess* THost::GetUserAccess() {
 }
 
 ICurrentUser* THost::GetCurrentUser() {
-    return UserAccessFor(CurrentUserID());
+    const std::int64_t id = CurrentUserID();
+    if (id == 0 && FLocalAdministrator.Active) return &FLocalAdministrator;
+    return UserAccessFor(id);
+}
+
+void THost::ActAsLocalAdministrator(std::int32_t AACLGroup) {
+    FLocalAdministrator.Group = AACLGroup;
+    FLocalAdministrator.Active = true;
 }
 
 std::unique_ptr<THost> OpenHost(const std::string& AConfigFile, std::uint8_t ARunMode) {

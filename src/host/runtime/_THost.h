@@ -10,7 +10,8 @@
 // The current user belongs to the calling thread: SetCurrentUser on a thread makes that user the
 // one that GetUserAccess, GetCurrentUser, the user settings and the data layer's row rights see on
 // that thread (the data layer's per-thread user is the single record of it). 0 is nobody: no
-// user access object, all is allowed.
+// user access object, all is allowed, and no current user object unless the host acts as the
+// local administrator (ActAsLocalAdministrator).
 //
 // The host offers a background job scheduler (IKRBackgroundJobScheduler by QueryInterface), made
 // on first use; the host shuts it down before its database goes, so no job outlives it.
@@ -28,6 +29,7 @@
 // All accessors are safe to call from any thread.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -99,6 +101,11 @@ class THost : public TObject, public IMainInterface, public ICustomApp {
     // Checks name and password and makes the user current on this thread; false (and nobody
     // current) when they don't match.
     bool Login(const std::string& AUserName, const std::string& APassword);
+    // From now on nobody current on a thread means the local administrator of a command-line
+    // tool: still no user access object (every row visible, all allowed), but GetCurrentUser
+    // answers an object whose default ACL group is AACLGroup, so that the rows the document tree
+    // makes go into that group instead of into none (-1), which no user of the server can read.
+    void ActAsLocalAdministrator(std::int32_t AACLGroup);
     // The rights object of a user (made on first use, kept for the host's life); null for 0.
     TDBUserAccess* UserAccessFor(std::int64_t AUserID);
 
@@ -129,6 +136,15 @@ class THost : public TObject, public IMainInterface, public ICustomApp {
     TGlobalSettingsStorage FGlobalSettings;
     TUserSettingsStorage FUserSettings;
     TUserStore FUsers;
+
+    // The current user object of nobody once ActAsLocalAdministrator was called.
+    class TLocalAdministrator : public ICurrentUser {
+      public:
+        std::int32_t GetDefaultACLGroup() override { return Group; }
+        std::atomic<std::int32_t> Group{0};
+        std::atomic<bool> Active{false};
+    };
+    TLocalAdministrator FLocalAdministrator;
 
     std::mutex FAccessLock;
     std::map<std::int64_t, IPtr<TDBUserAccess>> FAccess;  // guarded by FAccessLock
