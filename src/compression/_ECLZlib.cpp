@@ -58,13 +58,14 @@ void ZCompressBuf(const std::uint8_t* data, std::size_t len, int zlevel,
 }
 
 TZInflateResult ZDecompressBuf(const std::uint8_t* data, std::size_t len, std::uint8_t* out,
-                               std::size_t outLen, std::size_t& produced) {
+                               std::size_t outLen, std::size_t& produced, bool checkStreamSum) {
     produced = 0;
     if (len == 0 || len > std::numeric_limits<uInt>::max() ||
         outLen > std::numeric_limits<uInt>::max())
         throw EDecompressionError("error");
     z_stream zs{};
     if (::inflateInit(&zs) != Z_OK) throw EDecompressionError("error");
+    if (!checkStreamSum) ::inflateValidate(&zs, 0);
     zs.next_in = const_cast<Bytef*>(data);
     zs.avail_in = static_cast<uInt>(len);
     zs.next_out = out;

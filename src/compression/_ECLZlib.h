@@ -28,9 +28,11 @@ enum class TZInflateResult { Exact, Shorter, Longer };
 
 // Inflates one complete zlib stream into exactly outLen bytes of out. Answers whether the stream
 // held exactly outLen bytes, fewer (produced tells how many) or more. Raises EDecompressionError
-// when the stream is damaged or incomplete.
+// when the stream is damaged or incomplete. Without checkStreamSum the stream's Adler-32 is not
+// computed, for a caller that checks the plain bytes itself (the container's CRC-32 of a block).
 TZInflateResult ZDecompressBuf(const std::uint8_t* data, std::size_t len, std::uint8_t* out,
-                               std::size_t outLen, std::size_t& produced);
+                               std::size_t outLen, std::size_t& produced,
+                               bool checkStreamSum = true);
 
 // Upper bound of the deflate output for len input bytes.
 std::size_t ZCompressBound(std::size_t len);

@@ -566,7 +566,7 @@ std::vector<std::uint8_t> TECLStream::ReadPackedBlock(std::int32_t n) {
 
 std::vector<std::uint8_t> TECLStream::UnpackBlock(std::int32_t n,
                                                   const std::vector<std::uint8_t>& packed,
-                                                  bool isLast) {
+                                                  bool isLast, bool checkStreamSum) {
     const TECLHeader& h = headers.Items[static_cast<std::size_t>(n)];
     if (ECLZlibLevelOf(FCompressionLevel) < 0 || h.trueSize == 0)
         throw Exception(kDecompressionError + BlockNote(n));
@@ -578,7 +578,8 @@ std::vector<std::uint8_t> TECLStream::UnpackBlock(std::int32_t n,
     std::size_t produced = 0;
     TZInflateResult r;
     try {
-        r = ZDecompressBuf(packed.data(), packed.size(), plain.data(), plain.size(), produced);
+        r = ZDecompressBuf(packed.data(), packed.size(), plain.data(), plain.size(), produced,
+                           checkStreamSum);
     } catch (const EZlibError&) {
         throw Exception(kDecompressionError + BlockNote(n));
     }
@@ -993,7 +994,7 @@ void TECLStream::ParallelSaveToStream(TStream& Target) {
             const std::int32_t n = next++;
             inFlight.push_back(std::async(std::launch::async,
                                           [this, n, packed, last = n == headers.ItemCount - 1] {
-                                              return UnpackBlock(n, *packed, last);
+                                              return UnpackBlock(n, *packed, last, false);
                                           }));
         }
     };

@@ -247,9 +247,11 @@ class TECLStream : public TECLBaseCompressedStream {
     // Reads block n's compressed data; raises the decompression error when the file can't hold it.
     std::vector<std::uint8_t> ReadPackedBlock(std::int32_t n);
     // Inflates and checks block n from its compressed data.
-    // isLast allows a block shorter than BlockSize.
+    // isLast allows a block shorter than BlockSize. Without checkStreamSum zlib's own Adler-32 is
+    // skipped, leaving the block's CRC-32 over the same plain bytes (whole-stream copies, where
+    // the sum costs more than the inflate; reads of single blocks and verify keep both checks).
     std::vector<std::uint8_t> UnpackBlock(std::int32_t n, const std::vector<std::uint8_t>& packed,
-                                          bool isLast);
+                                          bool isLast, bool checkStreamSum = true);
     void WriteBlock(std::int32_t n, const std::vector<std::uint8_t>& packed);
     void ParallelLoadFromStream(TStream& Source);
     void ParallelSaveToStream(TStream& Target);

@@ -2,6 +2,9 @@
 #include "_JsonText.h"
 
 #include <fcntl.h>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -256,8 +259,20 @@ bool SkipJsonString(const std::string& s, size_t& APos) {
     const size_t n = s.size();
     size_t i = APos + 1;
     while (i < n) {
-        // Eight plain characters at a time (printable ASCII other than the quote and the
-        // backslash): long texts such as Base64 are mostly nothing else.
+        // Runs of plain characters (printable ASCII other than the quote and the backslash) are
+        // skipped sixteen or eight at a time: long texts such as Base64 are nothing else.
+#if defined(__SSE2__)
+        while (i + 16 <= n) {
+            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s.data() + i));
+            // Signed: below 0x20 also holds every byte from 0x80 up.
+            const __m128i special =
+                _mm_or_si128(_mm_cmplt_epi8(v, _mm_set1_epi8(0x20)),
+                             _mm_or_si128(_mm_cmpeq_epi8(v, _mm_set1_epi8('"')),
+                                          _mm_cmpeq_epi8(v, _mm_set1_epi8('\\'))));
+            if (_mm_movemask_epi8(special) != 0) break;
+            i += 16;
+        }
+#endif
         while (i + 8 <= n) {
             std::uint64_t w;
             std::memcpy(&w, s.data() + i, 8);
