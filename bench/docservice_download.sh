@@ -13,6 +13,7 @@
 # Usage: bench/docservice_download.sh [MiB, default 256] [chunk MiB, default 4]
 set -euo pipefail
 source "$(dirname "$0")/docservice_lib.sh" docservice-download
+source "$(dirname "$0")/nginx_lib.sh"
 mib=${1:-256}
 chunk=$((${2:-4} << 20))
 
@@ -29,22 +30,7 @@ ln "$work/src/big.bin" "$work/nginx/www/big.bin"
 # nginx's workers run as another user: they need to reach the file.
 chmod a+rx "$work" "$work/nginx" "$work/nginx/www" && chmod a+r "$work/src/big.bin"
 nport=$((port + 1))
-cat >"$work/nginx/nginx.conf" <<NGINX
-worker_processes 1;
-pid $work/nginx/nginx.pid;
-error_log $work/nginx/error.log;
-events { worker_connections 64; }
-http {
-    access_log off;
-    sendfile on;
-    client_body_temp_path $work/nginx; proxy_temp_path $work/nginx; fastcgi_temp_path $work/nginx;
-    uwsgi_temp_path $work/nginx; scgi_temp_path $work/nginx;
-    server { listen 127.0.0.1:$nport; root $work/nginx/www; }
-}
-NGINX
-nginx -c "$work/nginx/nginx.conf" -p "$work/nginx" -g 'daemon off;' 2>/dev/null &
-pids+=($!)
-sleep 0.5
+start_nginx "$nport"
 
 best() { awk -v a="$1" -v b="$2" 'BEGIN { print (a < b) ? a : b }'; }
 mem_before=$(mem_kib VmRSS)

@@ -16,6 +16,7 @@ work=$(mktemp -d)
 pids=()
 cleanup() { for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; done; wait 2>/dev/null || true; rm -rf "$work"; }
 trap cleanup EXIT
+source "$(dirname "$0")/nginx_lib.sh"
 ulimit -n 20000 2>/dev/null || true
 
 port=$((20000 + RANDOM % 20000)); nport=$((port + 1))
@@ -41,23 +42,8 @@ uid=$(curl -sf -XPOST -H "$auth" "http://127.0.0.1:$port/records/contacts" \
     -d '{"name":"Bench","company":"ACME","email":"bench@example.org"}' | jq -r '.record_info[0].server_uid')
 
 # nginx with a static file as big as the ping's answer.
-mkdir -p "$work/nginx/www"
+start_nginx "$nport"
 printf '%s' "$ping_body" > "$work/nginx/www/ping.json"
-cat > "$work/nginx/nginx.conf" <<NGINX
-worker_processes 1;
-pid $work/nginx/nginx.pid;
-error_log $work/nginx/error.log;
-events { worker_connections 4096; }
-http {
-    access_log off;
-    client_body_temp_path $work/nginx; proxy_temp_path $work/nginx; fastcgi_temp_path $work/nginx;
-    uwsgi_temp_path $work/nginx; scgi_temp_path $work/nginx;
-    server { listen 127.0.0.1:$nport; root $work/nginx/www; }
-}
-NGINX
-nginx -c "$work/nginx/nginx.conf" -p "$work/nginx" -g 'daemon off;' 2>/dev/null &
-pids+=($!)
-sleep 0.5
 
 cat > "$work/post.lua" <<'LUA'
 wrk.method = "POST"

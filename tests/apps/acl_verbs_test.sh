@@ -8,40 +8,13 @@ set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 source "$here/verbs_lib.sh" docadmin-acl "$1"
 backend=${2:-sqlite}
-pids=()
-cleanup() {
-    for p in "${pids[@]}"; do kill "$p" 2>/dev/null; done
-    wait 2>/dev/null
-    [[ $backend == postgresql ]] && psql "$conninfo" -qc "drop schema $schema cascade" >/dev/null 2>&1
-    rm -rf "$work"
-}
-trap cleanup EXIT
-
-port=$((20000 + RANDOM % 20000))
-cat >docadmin.toml <<TOML
-data_dir = "$DOCADMIN_DATA"
-[server]
-listen = "127.0.0.1:$port"
-access_log = ""
-TOML
+serve_config
 if [[ $backend == postgresql ]]; then
-    file=${DOCADMIN_PG_CONNINFO_FILE:-}
-    if [[ -z $file || ! -s $file ]]; then
-        echo "no PostgreSQL test server" >&2
-        [[ ${CI:-} == true ]] && exit 1
-        exit 77 # skipped
-    fi
-    conninfo=$(cat "$file")
-    schema="acl_$$_$RANDOM"
-    psql "$conninfo" -qc "create schema $schema" || exit 1
-    printf '[databases.main]\nbackend = "postgresql"\nconninfo = "%s options=%s"\n' \
-        "$conninfo" "'-csearch_path=$schema'" >>docadmin.toml
+    use_postgresql acl "$DOCADMIN_CONFIG"
     sql() { psql "$conninfo options=-csearch_path=$schema" -qtAc "$1"; }
 else
     sql() { sqlite3 "$DOCADMIN_DATA/docadmin.db" "$1"; }
 fi
-export DOCADMIN_CONFIG=$work/docadmin.toml
-url=http://127.0.0.1:$port
 storage='{A48847CA-33D3-4EB0-A586-E316EA2E5322}' # the contacts records' documents
 
 # Groups and users: alice and dave write in sales (dave only reads there), bob works in other,
@@ -63,9 +36,7 @@ adduser dave sales read
 adduser erin sales full
 sql "update users set disabled = 1 where username = 'erin'" >/dev/null
 
-"$bin" serve >serve.log 2>&1 &
-pids+=($!)
-for _ in $(seq 200); do curl -sf "$url/health" >/dev/null && break; sleep 0.1; done
+start_serve
 login() {
     curl -sf -XPOST "$url/login" -d "{\"user\":\"$1\",\"password\":\"$1-password-1\"}" | jq -r .session
 }

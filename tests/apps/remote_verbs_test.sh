@@ -7,23 +7,10 @@
 set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 source "$here/verbs_lib.sh" docadmin-remote "$1"
-pids=()
-trap 'for p in "${pids[@]}"; do kill "$p" 2>/dev/null; done; wait 2>/dev/null; rm -rf "$work"' EXIT
-
-port=$((20000 + RANDOM % 20000))
-cat >docadmin.toml <<TOML
-data_dir = "$DOCADMIN_DATA"
-[server]
-listen = "127.0.0.1:$port"
-access_log = ""
-TOML
-export DOCADMIN_CONFIG=$work/docadmin.toml
-url=http://127.0.0.1:$port
+serve_config
 echo 'alice-password-1' >pw
 input=$'alice-password-1\n' expect 0 "$bin" user add alice --password-stdin
-"$bin" serve >serve.log 2>&1 &
-pids+=($!)
-for _ in $(seq 200); do curl -sf "$url/health" >/dev/null && break; sleep 0.1; done
+start_serve
 if ! curl -sf "$url/openapi.json" | grep -q IDocumentStore; then
     echo "SKIP: the server publishes no documents service"
     exit 77

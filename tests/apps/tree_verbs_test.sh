@@ -9,21 +9,7 @@ set -uo pipefail
 source "$(dirname "$0")/verbs_lib.sh" docadmin-apps "$1"
 backend=${2:-sqlite}
 
-if [[ $backend == postgresql ]]; then
-    file=${DOCADMIN_PG_CONNINFO_FILE:-}
-    if [[ -z $file || ! -s $file ]]; then
-        echo "no PostgreSQL test server" >&2
-        [[ ${CI:-} == true ]] && exit 1
-        exit 77  # skipped
-    fi
-    conninfo=$(cat "$file")
-    schema="apps_$$_$RANDOM"
-    psql "$conninfo" -qc "create schema $schema" || exit 1
-    trap 'psql "$conninfo" -qc "drop schema $schema cascade" >/dev/null 2>&1; rm -rf "$work"' EXIT
-    mkdir -p "$DOCADMIN_DATA"
-    printf '[databases.main]\nbackend = "postgresql"\nconninfo = "%s options=%s"\n' \
-        "$conninfo" "'-csearch_path=$schema'" >"$DOCADMIN_DATA/docadmin.toml"
-fi
+[[ $backend == postgresql ]] && use_postgresql apps "$DOCADMIN_DATA/docadmin.toml"
 
 # Every document of a tree in JSON as "folder/path/name<TAB>id<TAB>size<TAB>version", sorted.
 docs() {
